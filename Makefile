@@ -1,0 +1,94 @@
+# Set-up, build and test entry points. Run as root on Debian: missing packages
+# are installed with apt-get first, so a fresh machine needs only `make`.
+
+BUILD_DIR ?= build
+JOBS ?= $(shell nproc 2>/dev/null || echo 2)
+DATA_ROOT ?= var
+
+# Debian packages the build and the tests need.
+PACKAGES := g++ cmake make pkg-config libenet-dev libgtest-dev libcli11-dev libsystemd-dev libcpp-httplib-dev faketime
+
+.PHONY: all deps deps-sanitize build run test test-asan fuzz soak install deb clean bench
+
+FUZZ_SECONDS ?= 30
+
+PREFIX ?= /usr/local
+
+all: build
+
+deps:
+	@missing=""; \
+	for p in $(PACKAGES); do \
+	  dpkg-query -W -f='$${Status}' $$p 2>/dev/null | grep -q "install ok installed" || missing="$$missing $$p"; \
+	done; \
+	if [ -n "$$missing" ]; then \
+	  echo "Installing:$$missing"; \
+	  if [ "$$(id -u)" -ne 0 ]; then echo "Run as root to install:$$missing" >&2; exit 1; fi; \
+	  DEBIAN_FRONTEND=noninteractive apt-get update -q && \
+	  DEBIAN_FRONTEND=noninteractive apt-get install -y -q --no-install-recommends $$missing; \
+	fi
+
+build: deps
+	cmake -S . -B $(BUILD_DIR) -DCMAKE_BUILD_TYPE=RelWithDebInfo
+	cmake --build $(BUILD_DIR) -j $(JOBS)
+
+# A ready data root: the server runs from inside it, so its data root is "./".
+$(DATA_ROOT)/server_data:
+	mkdir -p $(DATA_ROOT)/server_data/update_data $(DATA_ROOT)/server_data/announcements
+
+run: build $(DATA_ROOT)/server_data
+	cd $(DATA_ROOT) && exec ../$(BUILD_DIR)/lockstep-server
+
+test: build
+	cd $(BUILD_DIR) && ctest --output-on-failure -j $(JOBS) --timeout 300
+
+# The sanitizer builds use clang and its runtimes.
+SANITIZE_PACKAGES := clang libclang-rt-14-dev
+
+deps-sanitize: deps
+	@$(MAKE) --no-print-directory deps PACKAGES="$(SANITIZE_PACKAGES)"
+
+# Every test under AddressSanitizer and UndefinedBehaviorSanitizer, then the
+# log writer's tests under ThreadSanitizer.
+test-asan: deps-sanitize
+	cmake -S . -B build-asan -DCMAKE_BUILD_TYPE=RelWithDebInfo -DCMAKE_CXX_COMPILER=clang++ -DLOCKSTEP_SANITIZE=ON
+	cmake --build build-asan -j $(JOBS)
+	cd build-asan && ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=halt_on_error=1:print_stacktrace=1 \
+	  ctest --output-on-failure -j $(JOBS) --timeout 300 -E '^install\.'
+	cmake -S . -B build-tsan -DCMAKE_BUILD_TYPE=RelWithDebInfo -DCMAKE_CXX_COMPILER=clang++ -DLOCKSTEP_TSAN_ONLY=ON
+	cmake --build build-tsan -j $(JOBS) --target log_tests
+	cd build-tsan && TSAN_OPTIONS=halt_on_error=1 ./tests/log_tests
+
+# Every fuzz target under libFuzzer for FUZZ_SECONDS each.
+fuzz: deps-sanitize
+	cmake -S . -B build-fuzz -DCMAKE_BUILD_TYPE=RelWithDebInfo -DCMAKE_CXX_COMPILER=clang++ -DLOCKSTEP_FUZZ=ON -DLOCKSTEP_TESTS=OFF
+	cmake --build build-fuzz -j $(JOBS)
+	fuzz/run_fuzz.sh $(CURDIR)/build-fuzz $(FUZZ_SECONDS)
+
+# The churn soak: SOAK_PEERS clients that join, play, leave, disconnect, go
+# silent and send junk for SOAK_SECONDS, against the sanitizer build of the
+# server (configured as for test-asan). See tools/soak/run_soak.sh.
+SOAK_SECONDS ?= 600
+SOAK_PEERS ?= 1024
+soak: deps-sanitize
+	cmake -S . -B build-asan -DCMAKE_BUILD_TYPE=RelWithDebInfo -DCMAKE_CXX_COMPILER=clang++ -DLOCKSTEP_SANITIZE=ON
+	cmake --build build-asan -j $(JOBS) --target lockstep-server soak
+	tools/soak/run_soak.sh build-asan $(SOAK_SECONDS) $(SOAK_PEERS)
+
+# The server against the bare relay under the same loads (docs/benchmarks.md).
+# REPEAT runs each load that often and keeps the least-steal run per side;
+# BENCH_ARGS passes further options, for example BENCH_ARGS="--seconds 30".
+REPEAT ?= 1
+BENCH_ARGS ?=
+bench: build
+	bench/run_bench.sh --build $(BUILD_DIR) --repeat $(REPEAT) $(BENCH_ARGS)
+
+# Honours PREFIX and DESTDIR.
+install: build
+	DESTDIR=$(DESTDIR) cmake --install $(BUILD_DIR) --prefix $(PREFIX)
+
+deb: build
+	cd $(BUILD_DIR) && cpack -G DEB
+
+clean:
+	rm -rf $(BUILD_DIR)

@@ -1,0 +1,61 @@
+#pragma once
+// Counters for operators. The main thread bumps them with relaxed atomic adds
+// (no locks on the hot path); the metrics endpoint reads them from its own
+// thread. They cost next to nothing when nobody reads them.
+
+#include <array>
+#include <atomic>
+#include <cstdint>
+#include <string>
+
+struct MetricsCounters {
+    static constexpr std::size_t kChannels = 8;  // 0..6 and "other"
+    std::array<std::atomic<std::uint64_t>, kChannels> messagesIn{};
+    std::array<std::atomic<std::uint64_t>, kChannels> bytesIn{};
+    std::array<std::atomic<std::uint64_t>, kChannels> messagesOut{};
+    std::array<std::atomic<std::uint64_t>, kChannels> bytesOut{};
+    std::atomic<std::uint64_t> malformedDropped{0};
+    std::atomic<std::uint64_t> desyncs{0};
+    std::atomic<std::uint64_t> stepsCompleted{0};
+    std::atomic<std::uint64_t> loopWakeups{0};
+    // Published by the main loop from time to time.
+    std::atomic<std::uint64_t> peersConnected{0};
+    std::atomic<std::uint64_t> rooms{0};
+    std::atomic<std::uint64_t> matchesRunning{0};
+
+    // Step completion: from the first report of a step to its notice.
+    static constexpr std::array<double, 10> kStepBuckets = {0.001, 0.0025, 0.005, 0.01, 0.025,
+                                                            0.05,  0.1,    0.25,  0.5,  1.0};
+    std::array<std::atomic<std::uint64_t>, kStepBuckets.size() + 1> stepBucketCounts{};
+    std::atomic<std::uint64_t> stepSumMicros{0};
+    std::atomic<std::uint64_t> stepCount{0};
+
+    std::atomic<std::int64_t> startUnix{0};
+};
+
+MetricsCounters& metrics();
+
+inline std::size_t metricsChannel(unsigned channel) { return channel < 7 ? channel : 7; }
+
+inline void countIn(unsigned channel, std::size_t bytes) {
+    auto& m = metrics();
+    m.messagesIn[metricsChannel(channel)].fetch_add(1, std::memory_order_relaxed);
+    m.bytesIn[metricsChannel(channel)].fetch_add(bytes, std::memory_order_relaxed);
+}
+
+inline void countOut(unsigned channel, std::size_t bytes, std::size_t recipients) {
+    auto& m = metrics();
+    m.messagesOut[metricsChannel(channel)].fetch_add(recipients, std::memory_order_relaxed);
+    m.bytesOut[metricsChannel(channel)].fetch_add(bytes * recipients, std::memory_order_relaxed);
+}
+
+void observeStepCompletion(double seconds);
+
+// Step timing costs a clock read per step, so it runs only while someone
+// can read the figures (the metrics endpoint is on).
+void enableStepTiming();
+bool stepTimingEnabled();
+std::uint64_t monotonicMicros();
+
+// The Prometheus text exposition of every counter; uptime against nowUnix.
+std::string renderMetrics(std::int64_t nowUnix);

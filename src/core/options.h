@@ -1,0 +1,19 @@
+#pragma once
+// Command-line options. With none, the server behaves as a console program
+// started in its data root.
+
+#include <cstdint>
+#include <optional>
+#include <string>
+
+struct Options {
+    std::optional<std::string> dataRoot;
+    std::optional<std::string> metricsHost;
+    std::uint16_t metricsPort = 0;
+};
+
+// Returns -1 to go on, or the exit status to end with at once (0 after
+// --help or --version, 2 after a wrong option, with one line on stderr).
+int parseOptions(int argc, char** argv, Options& options);
+// "ADDR:PORT"; false when it is not one.
+bool parseHostPort(const std::string& text, std::string& host, std::uint16_t& port);

@@ -1,0 +1,203 @@
+// Readiness and the start: the start request, the once-per-step start check,
+// the random tags and start locations, the slot compaction and the switch to
+// the running match.
+
+#include "core/server.h"
+#include "lobby/lobby.h"
+#include "lobby/messages.h"
+#include "lobby/mtrand.h"
+#include "log/log.h"
+#include "protocol/messages.h"
+#include "protocol/send.h"
+
+namespace {
+
+constexpr std::uint32_t kMaxTag = 10;
+constexpr std::uint32_t kMaxLocation = 8;
+// Only tags 1..8 are ever handed out, although clients may choose 9 and 10.
+constexpr std::uint32_t kHandedOutTags = 8;
+
+// The values for the waiting slots, in their order; empty when nothing is
+// handed out. The permutation is drawn whenever there is a free value and
+// enough of them, also when nobody waits, so that the generator advances
+// the same way in every start.
+std::vector<std::uint32_t> handOut(const std::vector<std::uint32_t>& freeValues, std::size_t waiting) {
+    if (freeValues.empty() || waiting > freeValues.size()) return {};
+    std::vector<std::uint32_t> order = shufflePermutation(static_cast<std::uint32_t>(freeValues.size()));
+    std::vector<std::uint32_t> values;
+    for (std::size_t k = 0; k < waiting; ++k) values.push_back(freeValues[order[k]]);
+    return values;
+}
+
+struct Readiness {
+    std::uint32_t humans = 0;  // humans with a record
+    std::uint32_t ready = 0;   // of those, the ones whose record says ready
+};
+
+Readiness countReadiness(const Room& room) {
+    Readiness r;
+    for (const Slot& slot : room.slots) {
+        if (slot.peer == nullptr || slot.info == nullptr) continue;
+        r.humans += 1;
+        r.ready += slot.info->ready != 0;
+    }
+    return r;
+}
+
+void refuseStart(Room& room, const std::string& text, const std::string& logLine) {
+    sendTextToRoom(room, text);
+    logMessage(logLine);
+}
+
+void startRoom(Room& room) {
+    room.open = false;
+    room.started = true;
+    assignTagsAndLocations(room);
+
+    for (const Slot& slot : room.slots)
+        if (slot.info != nullptr) sendToHumans(room, kLobbyChannel, slot.info->bytes);
+    compactSlots(room);
+
+    Humans notified;
+    for (const Slot& slot : room.slots)
+        if (slot.peer != nullptr && slot.info != nullptr) notified.peers[notified.count++] = slot.peer;
+    sendBytesToMany(notified.peers, notified.count, kLobbyChannel, StartGame{}.encode());
+}
+
+// Every human with a record has confirmed: the match runs.
+void checkRunning(Room& room) {
+    if (!room.started || room.running) return;
+    for (std::size_t i = 0; i < kSlotCount; ++i) {
+        const Slot& slot = room.slots[i];
+        if (slot.peer != nullptr && slot.info != nullptr && !room.confirmed[i]) return;
+    }
+    room.running = true;
+    Humans players;
+    for (const Slot& slot : room.slots) {
+        if (slot.peer == nullptr || slot.info == nullptr) continue;
+        players.peers[players.count++] = slot.peer;
+        room.matchPlayerNames.push_back(slot.info->playerName);
+    }
+    sendBytesToMany(players.peers, players.count, kLobbyChannel, StartGame{}.encode());
+}
+
+void checkRoomStart(Room& room) {
+    if (!room.started && room.startRequested) {
+        Readiness r = countReadiness(room);
+        std::uint32_t locations = room.settings.startLocations;
+        std::string id = std::to_string(room.id);
+        bool refused = false;
+        if (r.humans != r.ready) {
+            refuseStart(room, "Cannot start game because not all players are ready",
+                        "Room " + id + " failed to start because not all players are ready");
+            refused = true;
+        }
+        if (r.humans > locations) {
+            refuseStart(room, "Cannot start game because there are more players than starting locations on map",
+                        "Room " + id + " failed to start because there are too many players for map: " +
+                            room.settings.mapName);
+            refused = true;
+        }
+        if (refused) {
+            // Every client's view of every human's setup is refreshed, and the
+            // next StartGame is a new request.
+            for (const Slot& slot : room.slots)
+                if (slot.peer != nullptr && slot.info != nullptr) sendToHumans(room, kLobbyChannel, slot.info->bytes);
+            room.startRequested = false;
+        } else {
+            startRoom(room);
+        }
+    }
+    // Also right after a successful start: humans who confirmed during
+    // earlier attempts need no further StartGame.
+    checkRunning(room);
+}
+
+}  // namespace
+
+void requestStart(Server& server, ENetPeer* peer) {
+    if (peer == nullptr) return;
+    for (auto& [id, room] : server.rooms) {
+        int index = slotOfPeer(*room, peer);
+        if (index < 0) continue;
+        if (room->startRequested)
+            room->confirmed[index] = true;
+        else
+            room->startRequested = true;
+    }
+}
+
+std::vector<std::uint32_t> shufflePermutation(std::uint32_t n) {
+    std::vector<std::uint32_t> a(n);
+    if (n == 0) return a;
+    a[0] = 0;
+    MTRand& generator = globalGenerator();
+    for (std::uint32_t i = 1; i < n; ++i) {
+        std::uint64_t r = generator.rand_int32();
+        auto j = static_cast<std::uint32_t>((static_cast<std::uint64_t>(i + 1) * r) >> 32);
+        a[i] = a[j];
+        a[j] = i;
+    }
+    return a;
+}
+
+void assignTagsAndLocations(Room& room) {
+    bool tagTaken[kMaxTag + 1] = {};
+    bool locationFree[kMaxLocation + 1] = {};
+    for (std::uint32_t k = 1; k <= kMaxLocation; ++k) locationFree[k] = k <= room.settings.startLocations;
+
+    // A tag above 10 or a location above 8 counts as not chosen: the slot
+    // waits for a value like one that holds 0, and the tables above are
+    // never indexed with it.
+    std::vector<std::uint32_t> waitingForTag, waitingForLocation;
+    for (std::uint32_t i = 0; i < kSlotCount; ++i) {
+        const PlayerSetup* info = room.slots[i].info.get();
+        if (info == nullptr) continue;
+        if (info->playerTag == 0 || info->playerTag > kMaxTag)
+            waitingForTag.push_back(i);
+        else
+            tagTaken[info->playerTag] = true;
+        if (info->startLocation == 0 || info->startLocation > kMaxLocation)
+            waitingForLocation.push_back(i);
+        else
+            locationFree[info->startLocation] = false;  // one above the map's count stays as chosen
+    }
+
+    std::vector<std::uint32_t> freeTags, freeLocations;
+    for (std::uint32_t k = 1; k <= kHandedOutTags; ++k)
+        if (!tagTaken[k]) freeTags.push_back(k);
+    for (std::uint32_t k = 1; k <= kMaxLocation; ++k)
+        if (locationFree[k]) freeLocations.push_back(k);
+
+    std::vector<std::uint32_t> tags = handOut(freeTags, waitingForTag.size());
+    std::vector<std::uint32_t> locations = handOut(freeLocations, waitingForLocation.size());
+
+    bool changed[kSlotCount] = {};
+    for (std::size_t k = 0; k < tags.size(); ++k) {
+        room.slots[waitingForTag[k]].info->playerTag = tags[k];
+        changed[waitingForTag[k]] = true;
+    }
+    for (std::size_t k = 0; k < locations.size(); ++k) {
+        room.slots[waitingForLocation[k]].info->startLocation = locations[k];
+        changed[waitingForLocation[k]] = true;
+    }
+    for (std::size_t i = 0; i < kSlotCount; ++i)
+        if (changed[i]) rebuildPlayerSetup(*room.slots[i].info);
+}
+
+void compactSlots(Room& room) {
+    for (std::size_t i = 0; i + 1 < kSlotCount; ++i) {
+        Slot& slot = room.slots[i];
+        if (slot.peer != nullptr || slot.info != nullptr) continue;
+        for (std::size_t j = i + 1; j < kSlotCount; ++j) {
+            if (room.slots[j].peer != nullptr) {
+                std::swap(slot, room.slots[j]);
+                break;
+            }
+        }
+    }
+}
+
+void checkRoomStarts(Server& server) {
+    for (auto& [id, room] : server.rooms) checkRoomStart(*room);
+}

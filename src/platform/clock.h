@@ -1,0 +1,15 @@
+#pragma once
+// The clock seam: Unix time and the local calendar come from here, so tests
+// can set them.
+
+#include <cstdint>
+#include <ctime>
+#include <optional>
+
+std::int64_t unixNow();
+// Local calendar time of unixNow().
+std::tm localNow();
+void sleepMilliseconds(unsigned ms);
+
+// Tests: a fixed Unix time (nullopt returns to the real clock).
+void setClockForTests(std::optional<std::int64_t> unixSeconds);

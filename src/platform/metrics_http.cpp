@@ -1,0 +1,35 @@
+#include "platform/metrics_http.h"
+
+#include <memory>
+#include <thread>
+
+#include <httplib.h>
+
+#include "core/metrics.h"
+#include "platform/clock.h"
+
+namespace {
+std::unique_ptr<httplib::Server> endpoint;
+std::thread endpointThread;
+}  // namespace
+
+bool startMetricsEndpoint(const std::string& host, std::uint16_t port, std::string& error) {
+    endpoint = std::make_unique<httplib::Server>();
+    endpoint->Get("/metrics", [](const httplib::Request&, httplib::Response& res) {
+        res.set_content(renderMetrics(unixNow()), "text/plain; version=0.0.4");
+    });
+    if (!endpoint->bind_to_port(host, port)) {
+        error = "cannot listen for metrics on " + host + ":" + std::to_string(port);
+        endpoint.reset();
+        return false;
+    }
+    endpointThread = std::thread([] { endpoint->listen_after_bind(); });
+    return true;
+}
+
+void stopMetricsEndpoint() {
+    if (!endpoint) return;
+    endpoint->stop();
+    if (endpointThread.joinable()) endpointThread.join();
+    endpoint.reset();
+}

@@ -1,0 +1,7 @@
+#include "platform/notify.h"
+
+#include <systemd/sd-daemon.h>
+
+void notifyReady() { sd_notify(0, "READY=1"); }
+void notifyStatus(const std::string& status) { sd_notify(0, ("STATUS=" + status).c_str()); }
+void notifyStopping() { sd_notify(0, "STOPPING=1"); }

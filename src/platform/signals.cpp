@@ -1,0 +1,25 @@
+#include "platform/signals.h"
+
+volatile std::sig_atomic_t quitRequested = 0;
+volatile std::sig_atomic_t dumpRequested = 0;
+volatile std::sig_atomic_t reportRequested = 0;
+
+namespace {
+void onInterrupt(int) { quitRequested = 1; }
+void onDump(int) { dumpRequested = 1; }
+void onReport(int) { reportRequested = 1; }
+
+void install(int sig, void (*handler)(int)) {
+    struct sigaction sa{};
+    sa.sa_handler = handler;
+    sigemptyset(&sa.sa_mask);
+    sigaction(sig, &sa, nullptr);
+}
+}  // namespace
+
+void installStopSignals() {
+    install(SIGINT, onInterrupt);
+    install(SIGTERM, onInterrupt);
+    install(SIGUSR1, onDump);
+    install(SIGUSR2, onReport);
+}

@@ -1,0 +1,276 @@
+#include "reports/reports.h"
+
+#include <cstdio>
+#include <cstring>
+#include <filesystem>
+#include <system_error>
+
+#include "core/server.h"
+#include "log/log.h"
+#include "platform/clock.h"
+#include "protocol/paths.h"
+#include "protocol/send.h"
+
+namespace fs = std::filesystem;
+
+namespace {
+
+constexpr char kBundleMagic[] = "COMBOSAVE";
+constexpr std::size_t kBundleMagicLength = sizeof kBundleMagic - 1;
+
+Bytes copyOf(ByteView v) { return Bytes(v.begin(), v.end()); }
+
+// The four texts common to both report kinds, right after the header words.
+struct ReportTexts {
+    std::string playerName, contactInfo, dataset, description;
+};
+
+ReportTexts readTexts(Reader& r) {
+    ReportTexts t;
+    t.playerName = r.str();
+    t.contactInfo = r.str();
+    t.dataset = r.str();
+    t.description = r.str();
+    return t;
+}
+
+// Report files are written under a temporary name and renamed into place, so
+// nobody reading the report directory meets half a file. A name that cannot
+// be taken (a directory in the way, a full disk) fails like a file that cannot
+// be opened, and the temporary file goes.
+
+// The eight-line ".txt" layout.
+bool writeTextFile(const std::string& path, const std::string& playerName, const std::string& contactInfo,
+                   const std::string& dataset, const std::string& description) {
+    FileWriter f;
+    if (!f.open(path)) return false;
+    const std::string* values[] = {&playerName, &contactInfo, &dataset, &description};
+    const char* headers[] = {"==== Player name ====", "==== Contact info ====", "==== Dataset ====",
+                             "==== Description ===="};
+    for (int i = 0; i < 4; ++i) {
+        f.write(std::string(headers[i]) + "\n");
+        f.write(*values[i]);
+        f.write("\n", 1);
+    }
+    return f.commit();
+}
+
+bool writeBinaryFile(const std::string& path, ByteView bytes) {
+    FileWriter f;
+    if (!f.open(path)) return false;
+    f.write(bytes.data(), bytes.size());
+    return f.commit();
+}
+
+std::string reportStem(const char* directory) {
+    return dataRootPrefix() + directory + std::to_string(static_cast<std::uint32_t>(unixNow()));
+}
+
+}  // namespace
+
+// ---- Records -------------------------------------------------------------
+
+Bytes FeedbackReport::encode() const {
+    Writer w(8 + playerName.size() + contactInfo.size() + dataset.size() + description.size() + 4 + 8 +
+             snapshot.size() + screenshot.size());
+    w.u32(kType).u32(secondWord).str(playerName).str(contactInfo).str(dataset).str(description);
+    w.blob(snapshot).blob(screenshot);
+    return w.take();
+}
+
+std::optional<FeedbackReport> FeedbackReport::decode(ByteView bytes) {
+    Reader r(bytes);
+    FeedbackReport report;
+    if (r.u32() != kType) return std::nullopt;
+    report.secondWord = r.u32();
+    ReportTexts t = readTexts(r);
+    ByteView snapshot = r.blob();
+    ByteView screenshot = r.blob();
+    if (!r.ok()) return std::nullopt;
+    // A bundle that does not hold together is as malformed as the report:
+    // refusing it here means no file of it is ever written.
+    if (isSnapshotBundle(snapshot) && !parseSnapshotBundle(snapshot)) return std::nullopt;
+    report.playerName = std::move(t.playerName);
+    report.contactInfo = std::move(t.contactInfo);
+    report.dataset = std::move(t.dataset);
+    report.description = std::move(t.description);
+    report.snapshot = copyOf(snapshot);
+    report.screenshot = copyOf(screenshot);
+    return report;
+}
+
+Bytes DeterminismTestReport::encode() const {
+    Writer w(8 + playerName.size() + contactInfo.size() + dataset.size() + description.size() + 4 + 4 +
+             snapshot.size());
+    w.u32(kType).u32(secondWord).str(playerName).str(contactInfo).str(dataset).str(description);
+    w.blob(snapshot);
+    return w.take();
+}
+
+std::optional<DeterminismTestReport> DeterminismTestReport::decode(ByteView bytes) {
+    Reader r(bytes);
+    DeterminismTestReport report;
+    if (r.u32() != kType) return std::nullopt;
+    report.secondWord = r.u32();
+    ReportTexts t = readTexts(r);
+    ByteView snapshot = r.blob();
+    if (!r.ok()) return std::nullopt;
+    report.playerName = std::move(t.playerName);
+    report.contactInfo = std::move(t.contactInfo);
+    report.dataset = std::move(t.dataset);
+    report.description = std::move(t.description);
+    report.snapshot = copyOf(snapshot);
+    return report;
+}
+
+Bytes ReportReply::encode() const {
+    return Writer(9 + text.size()).u32(kType).u32(secondWord).str(text).take();
+}
+
+std::optional<ReportReply> ReportReply::decode(ByteView bytes) {
+    Reader r(bytes);
+    ReportReply reply;
+    if (r.u32() != kType) return std::nullopt;
+    reply.secondWord = r.u32();
+    reply.text = r.str();
+    if (!r.ok()) return std::nullopt;
+    return reply;
+}
+
+bool isSnapshotBundle(ByteView snapshot) {
+    return snapshot.size() >= kBundleMagicLength &&
+           std::memcmp(snapshot.data(), kBundleMagic, kBundleMagicLength) == 0;
+}
+
+std::optional<SnapshotBundle> parseSnapshotBundle(ByteView snapshot) {
+    if (!isSnapshotBundle(snapshot)) return std::nullopt;
+    Reader r(snapshot);
+    r.str();  // the header; its text beyond the magic is not used
+    SnapshotBundle bundle;
+    bundle.save = r.blob();
+    bundle.world = r.blob();
+    bundle.log = r.blob();
+    bundle.scriptLog = r.blob();
+    if (!r.ok()) return std::nullopt;
+    return bundle;
+}
+
+Bytes encodeSnapshotBundle(ByteView save, ByteView world, ByteView log, ByteView scriptLog) {
+    Writer w;
+    w.str(kBundleMagic).blob(save).blob(world).blob(log).blob(scriptLog);
+    return w.take();
+}
+
+// ---- Filing ---------------------------------------------------------------
+
+// Reports are named by the second they arrive in, so two in the same second
+// would share a base name and the second would truncate the first's files.
+// Instead the later one moves to stem_1, stem_2, ...: a candidate is free only
+// when none of the files this report would write exists yet. A directory in
+// the place of a file is not counted as taken: a report cannot replace it, and
+// the file's opening then fails with its own reply text as it should.
+std::string chooseReportBase(const std::string& stem, const std::vector<std::string>& suffixes) {
+    auto taken = [](const std::string& path) {
+        std::error_code ec;
+        fs::file_type type = fs::symlink_status(path, ec).type();
+        return type != fs::file_type::not_found && type != fs::file_type::none &&
+               type != fs::file_type::directory;
+    };
+    for (std::uint64_t k = 0;; ++k) {
+        std::string base = k == 0 ? stem : stem + "_" + std::to_string(k);
+        bool free = true;
+        for (const std::string& suffix : suffixes)
+            if (taken(base + suffix)) {
+                free = false;
+                break;
+            }
+        if (free) return base;
+    }
+}
+
+void sendReportReply(ENetPeer* peer, std::string text) {
+    ReportReply reply;
+    reply.text = std::move(text);
+    Bytes bytes = reply.encode();
+    sendBytes(peer, kReportsChannel, bytes);
+}
+
+void writeFeedbackReport(Server&, ENetPeer* peer, const FeedbackReport& report) {
+    std::optional<SnapshotBundle> bundle;
+    const bool hasSnapshot = !report.snapshot.empty();
+    if (hasSnapshot && isSnapshotBundle(report.snapshot)) {
+        bundle = parseSnapshotBundle(report.snapshot);
+        if (!bundle) {
+            // Decoded reports never get here; a record built by hand might.
+            logMalformed("feedback report", kReportsChannel, report.encode().size());
+            return;
+        }
+    }
+
+    std::vector<std::string> suffixes{".txt"};
+    if (bundle) {
+        suffixes.push_back(".save");
+        suffixes.push_back(".world");
+        if (!bundle->log.empty()) suffixes.push_back(".log");
+        if (!bundle->scriptLog.empty()) suffixes.push_back(".script.log");
+    } else if (hasSnapshot) {
+        suffixes.push_back(".world");
+    }
+    if (!report.screenshot.empty()) suffixes.push_back(".jpg");
+    const std::string base = chooseReportBase(reportStem("server_data/feedback/"), suffixes);
+
+    // A feedback directory that cannot be created (a plain file in its place)
+    // simply makes the first opening fail: the client gets that step's text
+    // and the server carries on.
+    if (!writeTextFile(base + ".txt", report.playerName, report.contactInfo, report.dataset, report.description))
+        return sendReportReply(peer, "Failed to write feedback texts");
+    if (bundle) {
+        if (!writeBinaryFile(base + ".save", bundle->save))
+            return sendReportReply(peer, "Failed to write snapshot .save");
+        if (!writeBinaryFile(base + ".world", bundle->world))
+            return sendReportReply(peer, "Failed to write snapshot .world");
+        if (!bundle->log.empty() && !writeBinaryFile(base + ".log", bundle->log))
+            return sendReportReply(peer, "Failed to write .log");
+        if (!bundle->scriptLog.empty() && !writeBinaryFile(base + ".script.log", bundle->scriptLog))
+            return sendReportReply(peer, "Failed to write script .log");
+    } else if (hasSnapshot) {
+        if (!writeBinaryFile(base + ".world", report.snapshot)) return sendReportReply(peer, "Failed to write snapshot");
+    }
+    if (!report.screenshot.empty() && !writeBinaryFile(base + ".jpg", report.screenshot))
+        return sendReportReply(peer, "Failed to write screenshot");
+    sendReportReply(peer, "Feedback received succesfully! Thank you!");
+}
+
+void writeDeterminismTestReport(Server&, ENetPeer* peer, const DeterminismTestReport& report) {
+    std::vector<std::string> suffixes{".txt"};
+    if (!report.snapshot.empty()) suffixes.push_back(".save");
+    // Same-second reports get "_1", "_2", ... as for feedback (chooseReportBase).
+    const std::string base = chooseReportBase(reportStem("server_data/test_determinism/"), suffixes);
+
+    // As for feedback, a directory that cannot be created only fails the opening.
+    if (!writeTextFile(base + ".txt", report.playerName, report.contactInfo, report.dataset, report.description))
+        return sendReportReply(peer, "Failed to write test texts");
+    if (!report.snapshot.empty() && !writeBinaryFile(base + ".save", report.snapshot))
+        return sendReportReply(peer, "Failed to write test snapshot");
+    sendReportReply(peer, "Test results received succesfully! Thank you!");
+}
+
+// A report whose strings or lengths run past the packet is dropped with one
+// "Malformed" line and no reply: nothing of it is read or filed.
+void receiveFeedbackReport(Server& server, ENetPeer* peer, ByteView packet) {
+    auto report = FeedbackReport::decode(packet);
+    if (!report) {
+        logMalformed("feedback report", kReportsChannel, packet.size());
+        return;
+    }
+    writeFeedbackReport(server, peer, *report);
+}
+
+void receiveDeterminismTestReport(Server& server, ENetPeer* peer, ByteView packet) {
+    auto report = DeterminismTestReport::decode(packet);
+    if (!report) {
+        logMalformed("determinism test report", kReportsChannel, packet.size());
+        return;
+    }
+    writeDeterminismTestReport(server, peer, *report);
+}

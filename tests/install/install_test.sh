@@ -1,0 +1,52 @@
+#!/usr/bin/env bash
+# Installs the build into a scratch DESTDIR, checks the tree and the Debian
+# package's file list, and runs the installed binary from the example data root.
+set -euo pipefail
+build="$1"
+work="$(mktemp -d /tmp/lockstep-install-XXXXXX)"
+trap 'kill "$pid" 2>/dev/null || true; rm -rf "$work"' EXIT
+pid=""
+
+DESTDIR="$work/dest" cmake --install "$build" --prefix /usr >/dev/null
+expected="usr/bin/lockstep-server
+usr/lib/systemd/system/lockstep-server@.service
+usr/share/doc/lockstep-server/README.md
+usr/share/doc/lockstep-server/operations.md
+usr/share/lockstep-server/example/README.txt
+usr/share/lockstep-server/example/server_data/announcements/
+usr/share/lockstep-server/example/server_data/update_data/
+usr/share/lockstep-server/example/settings/server.config"
+for f in $expected; do
+  [ -e "$work/dest/$f" ] || { echo "missing from the install: $f"; exit 1; }
+done
+grep -q '^ExecStart=/usr/bin/lockstep-server --data-root /var/lib/lockstep-server/%i$' \
+  "$work/dest/usr/lib/systemd/system/lockstep-server@.service" || { echo "unit ExecStart"; exit 1; }
+# Nothing in the announcements of the example: every entry there is sent to clients.
+[ -z "$(ls -A "$work/dest/usr/share/lockstep-server/example/server_data/announcements")" ]
+
+# The package carries the same files.
+(cd "$build" && cpack -G DEB -B "$work/pkg" >/dev/null)
+deb="$(ls "$work"/pkg/*.deb)"
+listing="$(dpkg-deb -c "$deb" | awk '{print $6}')"
+for f in $expected; do
+  grep -qx "./$f" <<<"$listing" || { echo "missing from the package: $f"; exit 1; }
+done
+dpkg-deb -f "$deb" Depends | grep -q libenet7
+
+# The installed binary from a copy of the example data root, on a free port.
+cp -r "$work/dest/usr/share/lockstep-server/example" "$work/root"
+sed -i '1s/.*/0/' "$work/root/settings/server.config"
+"$work/dest/usr/bin/lockstep-server" --data-root "$work/root" </dev/null >"$work/out" 2>&1 &
+pid=$!
+for _ in $(seq 100); do
+  grep -q "Enet server created at 0:" "$work/root/server.log" 2>/dev/null && break
+  sleep 0.05
+done
+grep -q ": Enet server created at 0:" "$work/root/server.log"
+kill -TERM "$pid"
+wait "$pid"
+status=$?
+pid=""
+[ "$status" -eq 0 ]
+tail -n 1 "$work/root/server.log" | grep -qx ': ## Ending log'
+echo "install test: 1 passed, 0 failed"
