@@ -4,29 +4,16 @@
 #include <thread>
 
 #include "protocol/messages.h"
+#include "support/files.h"
 #include "support/server_process.h"
 #include "support/test_client.h"
-
-namespace {
-std::vector<std::string> lines(const std::string& text) {
-    std::vector<std::string> out;
-    std::size_t pos = 0;
-    while (pos < text.size()) {
-        std::size_t end = text.find('\n', pos);
-        if (end == std::string::npos) end = text.size();
-        out.push_back(text.substr(pos, end - pos));
-        pos = end + 1;
-    }
-    return out;
-}
-}  // namespace
 
 TEST(Binary, StartsLogsAndStopsInOrderOnSigint) {
     ServerProcess server;
     server.writeFile("server.log", "an earlier run's log\n");
     ASSERT_TRUE(server.start());
     EXPECT_EQ(server.stop(SIGINT), 0);
-    auto log = lines(server.log());
+    auto log = splitLines(server.log());
     ASSERT_GE(log.size(), 9u);
     std::vector<std::string> head(log.begin(), log.begin() + 6);
     EXPECT_EQ(head, (std::vector<std::string>{": ## Starting log", ": path: ./", ": Enet initialized", "",

@@ -12,17 +12,9 @@
 
 #include "log/log.h"
 #include "protocol/paths.h"
+#include "support/files.h"
 
 namespace fs = std::filesystem;
-
-namespace {
-std::string slurp(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    std::ostringstream out;
-    out << in.rdbuf();
-    return out.str();
-}
-}  // namespace
 
 TEST(LogWriter, FreshFileExactLinesEveryQueuedLineAndRecreation) {
     char tmpl[] = "/tmp/lockstep-log-XXXXXX";
@@ -38,9 +30,9 @@ TEST(LogWriter, FreshFileExactLinesEveryQueuedLineAndRecreation) {
     logMessage("");
     // The writer opens the file for every line: a removed file comes back.
     auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(5);
-    while (slurp(file).find(": \n") == std::string::npos && std::chrono::steady_clock::now() < deadline)
+    while (readWholeFile(file).find(": \n") == std::string::npos && std::chrono::steady_clock::now() < deadline)
         std::this_thread::sleep_for(std::chrono::milliseconds(2));
-    EXPECT_EQ(slurp(file), ": ## Starting log\n: first\n: #### ERROR \nX\n####\n: Enet initialized\n\n: \n");
+    EXPECT_EQ(readWholeFile(file), ": ## Starting log\n: first\n: #### ERROR \nX\n####\n: Enet initialized\n\n: \n");
     fs::remove(file);
 
     // A burst from the main thread while the writer drains: nothing lost,
@@ -53,6 +45,6 @@ TEST(LogWriter, FreshFileExactLinesEveryQueuedLineAndRecreation) {
     logMessage("## Ending log");
     expected += ": ## Ending log\n";
     stopLog();
-    EXPECT_EQ(slurp(file), expected);
+    EXPECT_EQ(readWholeFile(file), expected);
     fs::remove_all(root);
 }

@@ -13,13 +13,8 @@
 #include "platform/clock.h"
 #include "protocol/paths.h"
 #include "protocol/wire.h"
+#include "support/files.h"
 
-inline std::string readWholeFile(const std::filesystem::path& path) {
-    std::ifstream in(path, std::ios::binary);
-    std::ostringstream out;
-    out << in.rdbuf();
-    return out.str();
-}
 
 inline void writeWholeFile(const std::filesystem::path& path, const std::string& content) {
     std::filesystem::create_directories(path.parent_path());

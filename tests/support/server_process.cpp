@@ -14,6 +14,8 @@
 #include <thread>
 #include <unistd.h>
 
+#include "support/files.h"
+
 namespace fs = std::filesystem;
 using Clock = std::chrono::steady_clock;
 
@@ -35,15 +37,6 @@ std::size_t countOf(const std::string& haystack, const std::string& needle) {
     for (std::size_t pos = haystack.find(needle); pos != std::string::npos; pos = haystack.find(needle, pos + 1)) ++n;
     return n;
 }
-
-namespace {
-std::string slurp(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    std::ostringstream out;
-    out << in.rdbuf();
-    return out.str();
-}
-}  // namespace
 
 ServerProcess::ServerProcess(ServerOptions options) : options_(std::move(options)) {
     char tmpl[] = "/tmp/lockstep-e2e-XXXXXX";
@@ -136,9 +129,9 @@ int ServerProcess::stop(int signal, int timeoutMs) {
 
 bool ServerProcess::running() { return exitStatus_ < 0 && wait(0) < 0; }
 
-std::string ServerProcess::log() const { return slurp(root_ + "/server.log"); }
-std::string ServerProcess::consoleOutput() const { return slurp(root_ + "/.stdout"); }
-std::string ServerProcess::consoleErrors() const { return slurp(root_ + "/.stderr"); }
+std::string ServerProcess::log() const { return readWholeFile(root_ + "/server.log"); }
+std::string ServerProcess::consoleOutput() const { return readWholeFile(root_ + "/.stdout"); }
+std::string ServerProcess::consoleErrors() const { return readWholeFile(root_ + "/.stderr"); }
 
 bool ServerProcess::waitForLog(const std::string& text, int timeoutMs) const {
     return waitForLogCount(text, 1, timeoutMs);
@@ -153,7 +146,7 @@ bool ServerProcess::waitForLogCount(const std::string& text, std::size_t count, 
     }
 }
 
-std::string ServerProcess::readFile(const std::string& relative) const { return slurp(root_ + "/" + relative); }
+std::string ServerProcess::readFile(const std::string& relative) const { return readWholeFile(root_ + "/" + relative); }
 
 void ServerProcess::writeFile(const std::string& relative, const std::string& content) const {
     fs::path p = fs::path(root_) / relative;

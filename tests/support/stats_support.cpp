@@ -21,25 +21,6 @@ std::int64_t localUnixTime(int year, int month, int day, int hour, int minute, i
     return static_cast<std::int64_t>(std::mktime(&t));
 }
 
-std::vector<std::string> splitLines(const std::string& text) {
-    std::vector<std::string> out;
-    std::size_t pos = 0;
-    while (pos < text.size()) {
-        std::size_t end = text.find('\n', pos);
-        if (end == std::string::npos) end = text.size();
-        out.push_back(text.substr(pos, end - pos));
-        pos = end + 1;
-    }
-    return out;
-}
-
-std::string readWholeFile(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    std::ostringstream out;
-    out << in.rdbuf();
-    return out.str();
-}
-
 ScratchDataRoot::ScratchDataRoot() : previous_(dataRootPrefix()) {
     char tmpl[] = "/tmp/lockstep-stats-XXXXXX";
     prefix_ = std::string(mkdtemp(tmpl)) + "/";

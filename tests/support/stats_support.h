@@ -6,13 +6,11 @@
 #include <string>
 #include <vector>
 
+#include "support/files.h"
+
 // Unix seconds of a local calendar time.
 std::int64_t localUnixTime(int year, int month, int day, int hour, int minute, int second);
 
-// Splits at line feeds; a final line feed does not start another line.
-std::vector<std::string> splitLines(const std::string& text);
-
-std::string readWholeFile(const std::string& path);
 
 // A fresh directory made the data root for the lifetime of the object; the
 // previous prefix and the real clock come back afterwards.

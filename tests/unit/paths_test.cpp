@@ -5,17 +5,11 @@
 #include <sstream>
 
 #include "protocol/paths.h"
+#include "support/files.h"
 
 namespace fs = std::filesystem;
 
 namespace {
-std::string slurp(const fs::path& p) {
-    std::ifstream in(p, std::ios::binary);
-    std::ostringstream out;
-    out << in.rdbuf();
-    return out.str();
-}
-
 struct Scratch {
     fs::path root;
     Scratch() {
@@ -50,20 +44,20 @@ TEST(FileWriter, WholeFilesOnlyAndNoTemporaryLeftBehind) {
         w.write(" and half");
         EXPECT_TRUE(w.commit());
     }
-    EXPECT_EQ(slurp(path), "half and half");
+    EXPECT_EQ(readWholeFile(path), "half and half");
     {
         FileWriter w;
         ASSERT_TRUE(w.open(path, true));
         w.write("+more");
         EXPECT_TRUE(w.commit());
     }
-    EXPECT_EQ(slurp(path), "half and half+more");
+    EXPECT_EQ(readWholeFile(path), "half and half+more");
     {
         FileWriter w;
         ASSERT_TRUE(w.open(path));
         w.write("abandoned");
     }  // never committed: the old file stays, the temporary goes
-    EXPECT_EQ(slurp(path), "half and half+more");
+    EXPECT_EQ(readWholeFile(path), "half and half+more");
     EXPECT_EQ(s.entries(s.root / "dir"), 1u);
 
     fs::create_directories(s.root / "dir/taken.world");

@@ -22,61 +22,11 @@
 #include <enet/enet.h>
 
 #include "protocol.h"
+#include "support/program_run.h"
 #include "support/server_process.h"
 #include "support/test_client.h"
 
 namespace {
-
-struct ProgramRun {
-    int status = -1;  // exit status, or -1 when killed on the time-out
-    std::string out;
-    std::string err;
-};
-
-std::string slurp(const std::string& path) {
-    std::ifstream in(path);
-    std::stringstream s;
-    s << in.rdbuf();
-    return s.str();
-}
-
-// Runs a program to its end (or kills it after timeoutMs).
-ProgramRun runProgram(const std::vector<std::string>& args, int timeoutMs) {
-    char outPath[] = "/tmp/loadbot_out_XXXXXX";
-    char errPath[] = "/tmp/loadbot_err_XXXXXX";
-    int outFd = mkstemp(outPath);
-    int errFd = mkstemp(errPath);
-    pid_t pid = fork();
-    if (pid == 0) {
-        dup2(outFd, 1);
-        dup2(errFd, 2);
-        std::vector<char*> argv;
-        for (const auto& a : args) argv.push_back(const_cast<char*>(a.c_str()));
-        argv.push_back(nullptr);
-        execv(argv[0], argv.data());
-        _exit(127);
-    }
-    ProgramRun run;
-    auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
-    int wstatus = 0;
-    while (waitpid(pid, &wstatus, WNOHANG) == 0) {
-        if (std::chrono::steady_clock::now() > deadline) {
-            kill(pid, SIGKILL);
-            waitpid(pid, &wstatus, 0);
-            wstatus = -1;
-            break;
-        }
-        std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    }
-    if (wstatus != -1 && WIFEXITED(wstatus)) run.status = WEXITSTATUS(wstatus);
-    close(outFd);
-    close(errFd);
-    run.out = slurp(outPath);
-    run.err = slurp(errPath);
-    unlink(outPath);
-    unlink(errPath);
-    return run;
-}
 
 // The raw text of a value in the flat JSON line ("" when the key is absent).
 std::string field(const std::string& json, const std::string& key) {

@@ -15,59 +15,10 @@
 #include <unistd.h>
 #include <vector>
 
+#include "support/program_run.h"
 #include "support/server_process.h"
 
 namespace {
-
-struct ProgramRun {
-    int status = -1;  // -1 when killed on the time-out
-    std::string out;
-    std::string err;
-};
-
-std::string slurp(const std::string& path) {
-    std::ifstream in(path);
-    std::stringstream s;
-    s << in.rdbuf();
-    return s.str();
-}
-
-ProgramRun runProgram(const std::vector<std::string>& args, int timeoutMs) {
-    char outPath[] = "/tmp/soak_out_XXXXXX";
-    char errPath[] = "/tmp/soak_err_XXXXXX";
-    int outFd = mkstemp(outPath);
-    int errFd = mkstemp(errPath);
-    pid_t pid = fork();
-    if (pid == 0) {
-        dup2(outFd, 1);
-        dup2(errFd, 2);
-        std::vector<char*> argv;
-        for (const auto& a : args) argv.push_back(const_cast<char*>(a.c_str()));
-        argv.push_back(nullptr);
-        execv(argv[0], argv.data());
-        _exit(127);
-    }
-    ProgramRun run;
-    auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
-    int status = 0;
-    while (waitpid(pid, &status, WNOHANG) == 0) {
-        if (std::chrono::steady_clock::now() > deadline) {
-            kill(pid, SIGKILL);
-            waitpid(pid, &status, 0);
-            status = -1;
-            break;
-        }
-        std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    }
-    if (status != -1 && WIFEXITED(status)) run.status = WEXITSTATUS(status);
-    close(outFd);
-    close(errFd);
-    run.out = slurp(outPath);
-    run.err = slurp(errPath);
-    unlink(outPath);
-    unlink(errPath);
-    return run;
-}
 
 long field(const std::string& json, const std::string& name) {
     std::smatch m;
