@@ -207,30 +207,3 @@ TEST(ReportsBinary, ReportDirectoriesThatCannotBeCreatedLeaveTheServerRunning) {
     EXPECT_EQ(r.server.stop(), 0);
 }
 
-TEST(ReportsBinary, ReportsRunningPastTheirPacketAreDroppedUnanswered) {
-    Running r;
-    ASSERT_TRUE(r.start());
-    Bytes cut = feedback(asBytes("snapshot"), asBytes("jpg")).encode();
-    cut.resize(cut.size() - 1);
-    r.client.send(4, cut);
-    Writer claim;
-    claim.u32(3).u32(1).str("a").str("b").str("c").str("d").u32(1u << 30).bytes(asBytes("tiny"));
-    r.client.send(4, claim.take());
-    Bytes badBundle = asBytes(std::string("COMBOSAVE\0", 10));
-    Bytes lengths = {1, 0, 0, 0, 'S', 0xFF, 0xFF, 0, 0};
-    badBundle.insert(badBundle.end(), lengths.begin(), lengths.end());
-    r.client.send(4, feedback(badBundle).encode());
-    r.client.send(4, Bytes{2, 0, 0, 0, 1, 0, 0, 0});
-    EXPECT_TRUE(r.server.waitForLog("Unknown feedback message 2"));
-    EXPECT_TRUE(r.client.quiet(300));
-    std::string log = r.server.log();
-    EXPECT_NE(log.find("|||| Malformed feedback report on channel 4, " + std::to_string(cut.size()) + " bytes. Dropped"),
-              std::string::npos)
-        << log;
-    EXPECT_EQ(countOf(log, "|||| Malformed feedback report on channel 4, "), 2u);
-    EXPECT_EQ(countOf(log, "|||| Malformed determinism test report on channel 4, 24 bytes. Dropped"), 1u) << log;
-    EXPECT_NE(log.find("|||| Unknown feedback message 2. Nothing to do with it"), std::string::npos);
-    EXPECT_FALSE(fs::exists(r.dir("server_data/feedback")));
-    EXPECT_FALSE(fs::exists(r.dir("server_data/test_determinism")));
-    EXPECT_EQ(r.server.stop(), 0);
-}

@@ -140,13 +140,6 @@ TEST(TrackEvents, Type101IsStoredThenAnsweredToTheSenderOnly) {
     }
 }
 
-TEST(TrackEvents, EncodesTheManifestVersionNoticeLayout) {
-    TrackEvent e;
-    e.eventType = 1;
-    e.additionalEventData = "13";
-    EXPECT_EQ(e.encode(), (Bytes{1, 0, 0, 0, 1, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1, 0, 0, 0, '1', '3', 0}));
-}
-
 TEST(EventDump, SecondDumpAppendsAndCountsFromZeroAgain) {
     ScratchDataRoot root;
     Server server;

@@ -1,7 +1,6 @@
 #include <gtest/gtest.h>
 
 #include <filesystem>
-#include <set>
 
 #include "protocol/send.h"
 #include "support/harness.h"
@@ -130,29 +129,3 @@ TEST_F(UpdateTest, MissingUnlistableOrEmptyAnnouncementsDirectoryGivesTwelveByte
     EXPECT_EQ(announcements(), std::make_pair(words({2, 0, 0}), std::string()));
 }
 
-TEST_F(UpdateTest, AnnouncementsInListingOrderWithTheirQuotedPathsOnStandardOutput) {
-    writeWholeFile(announcementsDir / "first", "a");
-    writeWholeFile(announcementsDir / "say \"bc\" \\o", "bc");
-    Bytes expected = words({2, 0, 2});
-    std::string printed;
-    for (const auto& e : fs::directory_iterator(announcementsDir)) {
-        std::string text = e.path().filename() == "first" ? "a" : "bc";
-        expected.insert(expected.end(), text.begin(), text.end());
-        expected.push_back(0);
-        std::string path = e.path().string();
-        if (text == "bc") path = announcementsDir.string() + "/say \\\"bc\\\" \\\\o";
-        printed += "\"" + path + "\"\n";
-    }
-    EXPECT_EQ(announcements(), std::make_pair(expected, printed));
-    EXPECT_EQ(expected.size(), 17u);
-
-    // Read afresh: CR LF arrives as LF (a lone CR stays), a subdirectory is an empty text.
-    fs::remove(announcementsDir / "first");
-    writeWholeFile(announcementsDir / "say \"bc\" \\o", "l1\r\nl2\r\rx\r\n");
-    fs::create_directories(announcementsDir / "sub");
-    auto message = Announcements::decode(announcements().first);
-    ASSERT_TRUE(message);
-    EXPECT_EQ(std::multiset<std::string>(message->texts.begin(), message->texts.end()),
-              (std::multiset<std::string>{"l1\nl2\r\rx\n", ""}));
-    EXPECT_TRUE(h.takeLogs().empty());
-}

@@ -70,13 +70,6 @@ TEST(ServerStatus, EmptyDescriptionIs29ExactBytes) {
     EXPECT_FALSE(ServerStatus::decode(b));
 }
 
-TEST(Text, CutAtTheFirstNul) {
-    Bytes b{'h', 'i', 0, 'x', 0};
-    EXPECT_EQ(decodeText(b).value(), "hi");
-    EXPECT_FALSE(decodeText(Bytes{'h', 'i'}));
-    EXPECT_EQ(encodeText("hi"), (Bytes{'h', 'i', 0}));
-}
-
 #include "game/order.h"
 
 // The relay's allocation-free check must accept exactly what the full

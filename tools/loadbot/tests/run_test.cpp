@@ -255,18 +255,6 @@ TEST(LoadbotRun, EveryKindOfRelayMistakeIsCountedExactly) {
     enet_deinitialize();
 }
 
-TEST(LoadbotRun, RefusesOptionsOutsideItsLimits) {
-    EXPECT_EQ(runProgram({LOADBOT_BIN, "--rooms", "2"}, 10000).status, 2);  // no port
-    EXPECT_EQ(runProgram({LOADBOT_BIN, "--port", "9", "--players", "9"}, 10000).status, 2);
-}
-
-TEST(LoadbotRun, NothingListeningIsASetUpFailure) {
-    ProgramRun run = runProgram(loadbotArgs(freeUdpPort(), {"--setup-seconds", "1"}), 30000);
-    EXPECT_EQ(run.status, 3) << run.out << run.err;
-    EXPECT_EQ(field(run.out, "setup_ok"), "false");
-    EXPECT_NE(field(run.out, "setup_error").find("6 connecting"), std::string::npos) << run.out;
-}
-
 TEST(LoadbotRun, AgainstTheServerThroughTheRealLobby) {
     ServerProcess server;
     ASSERT_TRUE(server.start());

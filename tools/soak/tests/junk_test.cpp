@@ -71,37 +71,6 @@ TEST(SoakJunk, EveryPacketIsRefusedWithALogLineAndChangesNothing) {
         EXPECT_EQ(kinds.count(kind), 1u) << kind;
 }
 
-TEST(SoakJunk, LeaveAndListMessagesDoWhatTheSoakExpects) {
-    Harness h;
-    startMatch(h);
-    h.receive(1, 2, soak::leaveMatchMessage());
-    h.step();
-    const Room& room = *h.server.rooms.begin()->second;
-    EXPECT_EQ(humanCount(room), 1u);
-    h.receive(0, 0, soak::leaveRoomMessage());
-    h.step();
-    h.step();
-    EXPECT_TRUE(h.server.rooms.empty());
-    h.takeSent();
-    h.receive(1, 0, soak::roomListRequestMessage(0));
-    auto sent = h.takeSentTo(1);
-    ASSERT_EQ(sent.size(), 1u);
-    soak::StatusCounts counts;
-    ASSERT_TRUE(soak::parseServerStatus(sent[0].data.data(), sent[0].data.size(), counts));
-    EXPECT_EQ(counts.runningRooms, 0u);
-    EXPECT_EQ(counts.playersInNoRoom, 2u);
-    EXPECT_EQ(counts.total(), 2u);
-    // Cut anywhere, the status is not read.
-    for (std::size_t n = 0; n < sent[0].data.size(); ++n)
-        EXPECT_FALSE(soak::parseServerStatus(sent[0].data.data(), n, counts)) << n;
-}
-
-TEST(SoakParts, SlotsCloseTheirGapsInOrder) {
-    EXPECT_EQ(soak::compactedSlots({0, 1, 2}), (std::vector<std::uint32_t>{0, 1, 2}));
-    EXPECT_EQ(soak::compactedSlots({1, 4, 6}), (std::vector<std::uint32_t>{0, 1, 2}));
-    EXPECT_EQ(soak::compactedSlots({6, 0, 3}), (std::vector<std::uint32_t>{2, 0, 1}));
-}
-
 TEST(SoakParts, FlatMeansWithinSixteenDescriptorsAndTenPercentMemory) {
     soak::Sample warm{120, 10, 100000};
     EXPECT_EQ(soak::flatness(warm, soak::Sample{600, 26, 110000}), "flat");
