@@ -7,14 +7,12 @@
 #include <filesystem>
 #include <fstream>
 #include <set>
-#include <sstream>
 #include <string>
 
 #include "platform/clock.h"
 #include "protocol/paths.h"
 #include "protocol/wire.h"
 #include "support/files.h"
-
 
 inline void writeWholeFile(const std::filesystem::path& path, const std::string& content) {
     std::filesystem::create_directories(path.parent_path());

@@ -8,7 +8,6 @@
 #include <filesystem>
 #include <fstream>
 #include <netinet/in.h>
-#include <sstream>
 #include <sys/socket.h>
 #include <sys/wait.h>
 #include <thread>

@@ -3,8 +3,6 @@
 #include <cstdlib>
 #include <ctime>
 #include <filesystem>
-#include <fstream>
-#include <sstream>
 
 #include "platform/clock.h"
 #include "protocol/paths.h"

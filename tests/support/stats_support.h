@@ -11,7 +11,6 @@
 // Unix seconds of a local calendar time.
 std::int64_t localUnixTime(int year, int month, int day, int hour, int minute, int second);
 
-
 // A fresh directory made the data root for the lifetime of the object; the
 // previous prefix and the real clock come back afterwards.
 class ScratchDataRoot {

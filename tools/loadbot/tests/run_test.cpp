@@ -9,9 +9,7 @@
 #include <csignal>
 #include <fcntl.h>
 #include <cstdio>
-#include <fstream>
 #include <map>
-#include <sstream>
 #include <string>
 #include <sys/wait.h>
 #include <thread>
