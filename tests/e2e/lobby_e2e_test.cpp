@@ -41,7 +41,7 @@ std::vector<Bytes> creationTraffic(std::uint32_t roomId) {
 }  // namespace
 
 TEST(LobbyBinary, RoomListAndCreation) {
-    ServerProcess server(ServerOptions{.description = std::string("Lobby server")});
+    ServerProcess server(ServerOptions{.description = "Lobby server"});
     ASSERT_TRUE(server.start());
     TestClient a, b;
     ASSERT_TRUE(a.connect(server.port()));

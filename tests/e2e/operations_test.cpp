@@ -69,7 +69,7 @@ TEST(Options, WrongOptionsExitTwoWithOneLineBeforeTheLogIsTouched) {
 
 TEST(Options, DataRootIsEnteredAndGetsItsTree) {
     ServerProcess server(withArguments({"--data-root", "instance"}));
-    std::uint16_t port = freeUdpPort();
+    std::uint16_t port = freePort();
     server.writeFile("instance/settings/server.config", std::to_string(port) + "\n\n0\n");
     server.launch();
     // The log lives in the instance, not in the working directory.

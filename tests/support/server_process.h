@@ -1,27 +1,24 @@
 #pragma once
-// The real server binary in a temporary data root: keys through its standard
-// input, its log read back, SIGINT to stop it.
+// A program of the project, by default the server, run in a temporary data
+// root: keys through its standard input, its output and log read back.
 
-#include <chrono>
 #include <cstdint>
-#include <optional>
 #include <string>
 #include <sys/types.h>
 #include <vector>
 
 struct ServerOptions {
-    // Lines of settings/server.config; the port line is filled in when empty.
-    std::optional<std::string> description;
+    // settings/server.config: the port (a free one when 0), the description
+    // and the statistics flag.
+    std::uint16_t port = 0;
+    std::string description;
     bool statistics = false;
-    bool writeConfig = true;
-    // Whole file text instead of the generated one.
-    std::optional<std::string> configText;
-    // Extra environment entries ("NAME=value").
-    std::vector<std::string> environment;
-    // Program run in front of the binary (for example "faketime").
-    std::vector<std::string> wrapper;
-    std::vector<std::string> arguments;
     bool createServerData = true;
+    // Where under the root the program runs.
+    std::string directory = ".";
+    std::vector<std::string> environment;  // extra "NAME=value" entries
+    std::vector<std::string> arguments;
+    std::string program = LOCKSTEP_SERVER_BIN;
 };
 
 class ServerProcess {
@@ -31,9 +28,8 @@ public:
     ServerProcess(const ServerProcess&) = delete;
     ServerProcess& operator=(const ServerProcess&) = delete;
 
-    // Starts the binary; waits until its log says the host is open.
-    bool start(int timeoutMs = 5000);
-    // Starts without waiting for anything.
+    // Launches the server; true once its log says the host is open.
+    bool start() { return launch(), waitForLog("Enet server created at "); }
     void launch();
     std::uint16_t port() const { return port_; }
     const std::string& root() const { return root_; }
@@ -41,19 +37,16 @@ public:
 
     void sendKeys(const std::string& keys);
     void closeInput();
-    // SIGINT (or another signal), then the exit status; -1 on a timeout.
+    // Sends the signal (SIGINT by default), then waits for the exit status.
     int stop(int signal = 2, int timeoutMs = 10000);
-    // Waits for the process to end by itself; the exit status or -1.
+    // The exit status (128 + signal when killed by one), or -1 on a timeout.
     int wait(int timeoutMs = 10000);
-    bool running();
 
-    std::string log() const;            // server.log in the data root
-    std::string consoleOutput() const;  // what it wrote to standard output
-    std::string consoleErrors() const;  // what it wrote to standard error
-    // Waits until the log contains text; true when it did in time.
-    bool waitForLog(const std::string& text, int timeoutMs = 5000) const;
-    // Waits until the log contains text count times.
-    bool waitForLogCount(const std::string& text, std::size_t count, int timeoutMs = 5000) const;
+    std::string log() const { return readFile("server.log"); }
+    std::string consoleOutput() const { return readFile(".stdout"); }
+    std::string consoleErrors() const { return readFile(".stderr"); }
+    // True when the log holds text count times within the time-out.
+    bool waitForLog(const std::string& text, std::size_t count = 1, int timeoutMs = 5000) const;
 
     std::string readFile(const std::string& relative) const;
     void writeFile(const std::string& relative, const std::string& content) const;
@@ -67,7 +60,7 @@ private:
     int exitStatus_ = -1;
 };
 
-// A UDP port on 127.0.0.1 that was free a moment ago.
-std::uint16_t freeUdpPort();
+// A UDP (or TCP) port on 127.0.0.1 that was free a moment ago.
+std::uint16_t freePort(bool tcp = false);
 // Occurrences of needle in haystack.
 std::size_t countOf(const std::string& haystack, const std::string& needle);

@@ -3,17 +3,14 @@
 
 #include <cstdint>
 #include <deque>
+#include <functional>
 #include <optional>
 #include <string>
+#include <utility>
 
 #include <enet/enet.h>
 
 #include "protocol/wire.h"
-
-struct Received {
-    std::uint8_t channel = 0;
-    Bytes data;
-};
 
 class TestClient {
 public:
@@ -24,29 +21,21 @@ public:
 
     bool connect(std::uint16_t port, int timeoutMs = 3000);
     void send(std::uint8_t channel, ByteView bytes);
-    void send(std::uint8_t channel, const Bytes& bytes) { send(channel, ByteView(bytes)); }
-    // The next message on any channel, in arrival order.
-    std::optional<Received> next(int timeoutMs = 2000);
     // The next message on channel; messages on other channels stay queued.
     std::optional<Bytes> nextOn(std::uint8_t channel, int timeoutMs = 2000);
-    // True when nothing arrives (on any channel) for ms milliseconds.
+    // True when nothing is queued after servicing for ms.
     bool quiet(int ms = 300);
-    // Drops everything received so far (after servicing for ms).
-    void drain(int ms = 200);
     // Graceful disconnect; waits for the acknowledgement.
     void disconnect(int timeoutMs = 2000);
-    // Drops the connection without telling the server.
-    void reset();
-    bool connected() const { return peer_ != nullptr; }
     // The client's own port, as the server sees it.
-    std::uint16_t localPort() const;
-    ENetPeer* peer() const { return peer_; }
+    std::uint16_t localPort() const { return host_->address.port; }
 
 private:
-    void pump(int ms);
+    bool serviceUntil(int ms, const std::function<bool()>& done);
     ENetHost* host_ = nullptr;
     ENetPeer* peer_ = nullptr;
-    std::deque<Received> inbox_;
+    bool connected_ = false;
+    std::deque<std::pair<std::uint8_t, Bytes>> inbox_;
 };
 
 // The message type word, or 0xFFFFFFFF when the bytes are too short.

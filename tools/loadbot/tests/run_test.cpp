@@ -72,7 +72,7 @@ void expectFlawless(const std::string& json) {
 class BareRelay {
 public:
     BareRelay() {
-        port_ = freeUdpPort();
+        port_ = freePort();
         pid_ = fork();
         if (pid_ == 0) {
             int null = open("/dev/null", O_WRONLY);
@@ -283,5 +283,5 @@ TEST(LoadbotRun, AgainstTheServerThroughTheRealLobby) {
     EXPECT_EQ(count(run.out, "failed_downloads"), 0u);
     EXPECT_EQ(count(run.out, "clean_disconnects"), 8u);
     EXPECT_NE(field(run.out, "server_cpu_s"), "null");
-    EXPECT_TRUE(server.waitForLogCount("Joined room ", 7));  // the probe's room and 2 x 3 players
+    EXPECT_TRUE(server.waitForLog("Joined room ", 7));  // the probe's room and 2 x 3 players
 }
