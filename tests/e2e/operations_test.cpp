@@ -1,94 +1,111 @@
+// The binary as an operator meets it: its log from start to stop, the data
+// root, options and exit statuses, the service manager, metrics and signals.
+
 #include <gtest/gtest.h>
 
-#include <arpa/inet.h>
 #include <csignal>
 #include <filesystem>
-#include <netinet/in.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <thread>
+#include <tuple>
 #include <unistd.h>
 
 #include <httplib.h>
 
+#include "support/e2e_wire.h"
+#include "support/files.h"
 #include "support/server_process.h"
-#include "support/test_client.h"
 
 namespace fs = std::filesystem;
+using e2e::text;
 
-namespace {
-std::uint16_t freeTcpPort() {
-    int fd = socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in addr{};
-    addr.sin_family = AF_INET;
-    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr);
-    socklen_t len = sizeof addr;
-    getsockname(fd, reinterpret_cast<sockaddr*>(&addr), &len);
-    close(fd);
-    return ntohs(addr.sin_port);
+TEST(Binary, LogFromStartToStopConnectionsTextAndASecondServerOnThePort) {
+    ServerProcess server;
+    server.writeFile("server.log", "an earlier run's log\n");
+    ASSERT_TRUE(server.start());
+    TestClient a, b;
+    ASSERT_TRUE(a.connect(server.port()));
+    ASSERT_TRUE(server.waitForLog("1 peers now"));
+    ASSERT_TRUE(b.connect(server.port()));
+    ASSERT_TRUE(server.waitForLog("2 peers now"));
+
+    // Clients in no room talk to everyone in no room, the sender included,
+    // cut at the first NUL; malformed packets on every channel change nothing.
+    a.send(1, Bytes{'h', 'e', 'y', 0, 'z'});
+    EXPECT_EQ(a.nextOn(1), text("hey"));
+    EXPECT_EQ(b.nextOn(1), text("hey"));
+    for (std::uint8_t ch = 0; ch < 7; ++ch) a.send(ch, Bytes{7});
+    a.send(1, text("ok"));
+    EXPECT_EQ(b.nextOn(1), text("ok"));
+    EXPECT_TRUE(server.waitForLog("|||| Malformed "));
+
+    a.disconnect();
+    ASSERT_TRUE(server.waitForLog("1 peers now", 2));
+    const std::string ap = std::to_string(a.localPort()), bp = std::to_string(b.localPort());
+    EXPECT_NE(server.log().find(": A new client connected from 127.0.0.1:" + ap + "\n: 1 peers now\n: A new client "
+                                "connected from 127.0.0.1:" + bp + "\n: 2 peers now\n"),
+              std::string::npos);
+    EXPECT_NE(server.log().find(": Disconnected 127.0.0.1:" + ap + "\n: 1 peers now\n"), std::string::npos);
+
+    // Started one directory below a data root, a server takes "../" for it,
+    // reads the port there and, finding it taken, exits with status 1.
+    ServerProcess second(ServerOptions{.port = server.port(), .directory = "run"});
+    second.launch();
+    EXPECT_EQ(second.wait(5000), 1);
+    EXPECT_EQ(second.log().rfind(": ## Starting log\n: path: ../\n", 0), 0u) << second.log();
+    EXPECT_NE(second.log().find(": #### ERROR \n|||| An error occurred while trying to create an ENet server "
+                                "host.\n\n####\n"),
+              std::string::npos);
+
+    EXPECT_EQ(server.stop(SIGINT), 0);
+    auto log = splitLines(server.log());
+    ASSERT_GE(log.size(), 9u);
+    EXPECT_EQ(std::vector<std::string>(log.begin(), log.begin() + 6),
+              (std::vector<std::string>{": ## Starting log", ": path: ./", ": Enet initialized", "",
+                                        ": Server protocol version: 4",
+                                        ": Enet server created at 0:" + std::to_string(server.port())}));
+    EXPECT_EQ(std::vector<std::string>(log.end() - 3, log.end()),
+              (std::vector<std::string>{": Enet server destroyed", ": Enet server deinitialized", ": ## Ending log"}));
+    // The console carries the same lines, uncoloured when it is not a terminal.
+    EXPECT_EQ(server.consoleOutput(), server.log());
+    // Statistics are off: nothing is written at shutdown.
+    EXPECT_FALSE(fs::exists(server.root() + "/close.serverstats"));
 }
 
-ServerOptions withArguments(std::vector<std::string> arguments) {
-    ServerOptions o;
-    o.arguments = std::move(arguments);
-    return o;
-}
-}  // namespace
-
-TEST(Options, HelpAndVersionExitZero) {
-    ServerProcess version(withArguments({"--version"}));
-    version.launch();
-    EXPECT_EQ(version.wait(), 0);
-    EXPECT_EQ(version.consoleOutput().rfind("lockstep-server ", 0), 0u);
-
-    ServerProcess help(withArguments({"--help"}));
-    help.launch();
-    EXPECT_EQ(help.wait(), 0);
-    EXPECT_NE(help.consoleOutput().find("--data-root"), std::string::npos);
-    EXPECT_NE(help.consoleOutput().find("--metrics"), std::string::npos);
-    EXPECT_FALSE(fs::exists(help.root() + "/server.log"));
-}
-
-TEST(Options, WrongOptionsExitTwoWithOneLineBeforeTheLogIsTouched) {
-    for (auto args : std::vector<std::vector<std::string>>{{"--bogus"},
-                                                           {"--data-root", "/nonexistent/lockstep"},
-                                                           {"--metrics", "no-port"},
-                                                           {"--metrics", "127.0.0.1:99999"},
-                                                           {"stray"}}) {
-        ServerProcess server(withArguments(args));
-        server.writeFile("server.log", "untouched\n");
-        server.launch();
-        EXPECT_EQ(server.wait(), 2) << args[0];
-        std::string err = server.consoleErrors();
-        EXPECT_EQ(countOf(err, "\n"), 1u) << err;
-        EXPECT_EQ(err.rfind("lockstep-server: ", 0), 0u) << err;
-        EXPECT_EQ(server.log(), "untouched\n");
+TEST(Options, PrintExitOrRefuseBeforeTheLogIsTouchedAndTheDataRootIsEntered) {
+    for (const auto& [args, status, printed] : std::vector<std::tuple<std::vector<std::string>, int, std::string>>{
+             {{"--version"}, 0, "lockstep-server "},
+             {{"--help"}, 0, "--data-root"},
+             {{"--help"}, 0, "--metrics"},
+             {{"--bogus"}, 2, ""},
+             {{"--data-root", "/nonexistent/lockstep"}, 2, ""},
+             {{"--metrics", "no-port"}, 2, ""},
+             {{"--metrics", "127.0.0.1:99999"}, 2, ""},
+             {{"stray"}, 2, ""}}) {
+        ServerProcess p(ServerOptions{.arguments = args});
+        p.writeFile("server.log", "untouched\n");
+        p.launch();
+        EXPECT_EQ(p.wait(), status) << args[0];
+        EXPECT_EQ(p.log(), "untouched\n");
+        EXPECT_NE(p.consoleOutput().find(printed), std::string::npos) << args[0];
+        std::string err = p.consoleErrors();
+        EXPECT_TRUE(status != 2 || (countOf(err, "\n") == 1 && err.rfind("lockstep-server: ", 0) == 0)) << err;
     }
-}
 
-TEST(Options, DataRootIsEnteredAndGetsItsTree) {
-    ServerProcess server(withArguments({"--data-root", "instance"}));
-    std::uint16_t port = freePort();
-    server.writeFile("instance/settings/server.config", std::to_string(port) + "\n\n0\n");
-    server.launch();
-    // The log lives in the instance, not in the working directory.
-    auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(5);
-    while (server.readFile("instance/server.log").find("Enet server created at 0:" + std::to_string(port)) ==
-               std::string::npos &&
-           std::chrono::steady_clock::now() < deadline)
-        std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    std::string log = server.readFile("instance/server.log");
-    EXPECT_NE(log.find(": path: ./\n"), std::string::npos) << log;
-    EXPECT_NE(log.find("Enet server created at 0:" + std::to_string(port)), std::string::npos) << log;
-    EXPECT_TRUE(fs::is_directory(server.root() + "/instance/server_data/update_data"));
-    EXPECT_TRUE(fs::is_directory(server.root() + "/instance/server_data/announcements"));
+    // The data root given from elsewhere is entered and gets its tree.
+    ServerProcess server(ServerOptions{.createServerData = false, .directory = "elsewhere",
+                                       .arguments = {"--data-root", ".."}});
+    ASSERT_TRUE(server.start());
+    EXPECT_NE(server.log().find(": path: ./\n"), std::string::npos) << server.log();
+    EXPECT_TRUE(fs::is_directory(server.root() + "/server_data/update_data"));
+    EXPECT_TRUE(fs::is_directory(server.root() + "/server_data/announcements"));
     EXPECT_EQ(server.stop(SIGTERM), 0);
-    EXPECT_FALSE(fs::exists(server.root() + "/server.log"));
+    EXPECT_FALSE(fs::exists(server.root() + "/elsewhere/server.log"));
 }
 
-TEST(Notify, ReadyStatusAndStoppingReachTheServiceManager) {
-    std::string path = "/tmp/lockstep-notify-" + std::to_string(getpid());
+TEST(Operations, ServiceManagerMetricsAndAnOrderlySigterm) {
+    const std::string path = "/tmp/lockstep-notify-" + std::to_string(getpid());
     unlink(path.c_str());
     int fd = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
     sockaddr_un addr{};
@@ -97,60 +114,50 @@ TEST(Notify, ReadyStatusAndStoppingReachTheServiceManager) {
     ASSERT_EQ(bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr), 0);
     timeval tv{5, 0};
     setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv);
-
-    ServerOptions options;
-    options.environment = {"NOTIFY_SOCKET=" + path};
-    ServerProcess server(options);
-    server.launch();
-    std::vector<std::string> got;
-    auto receive = [&] {
+    auto notice = [fd] {
         char buf[512];
         ssize_t n = recv(fd, buf, sizeof buf, 0);
-        if (n > 0) got.emplace_back(buf, static_cast<std::size_t>(n));
-        return n > 0;
+        return n > 0 ? std::string(buf, static_cast<std::size_t>(n)) : std::string("<none>");
     };
-    ASSERT_TRUE(receive());
-    EXPECT_EQ(got[0], "READY=1");
-    EXPECT_TRUE(server.waitForLog("Enet server created at"));  // READY comes once the host is open
-    ASSERT_TRUE(receive());
-    EXPECT_EQ(got[1], "STATUS=0 peers, 0 rooms, 0 matches running");
-    kill(server.pid(), SIGTERM);
-    bool stopping = false;
-    while (!stopping && receive()) stopping = got.back() == "STOPPING=1";
-    EXPECT_TRUE(stopping);
-    EXPECT_EQ(server.wait(), 0);
-    close(fd);
-    unlink(path.c_str());
-}
 
-TEST(Metrics, EndpointCountsAScriptedSession) {
-    std::uint16_t httpPort = freeTcpPort();
-    ServerProcess server(withArguments({"--metrics", "127.0.0.1:" + std::to_string(httpPort)}));
-    ASSERT_TRUE(server.start());
+    const std::uint16_t httpPort = freePort(true);
+    ServerProcess server(ServerOptions{.environment = {"NOTIFY_SOCKET=" + path},
+                                       .arguments = {"--metrics", "127.0.0.1:" + std::to_string(httpPort)}});
+    server.launch();
+    EXPECT_EQ(notice(), "READY=1");
+    EXPECT_TRUE(server.waitForLog("Enet server created at"));  // READY comes once the host is open
+    EXPECT_EQ(notice(), "STATUS=0 peers, 0 rooms, 0 matches running");
+
     TestClient a;
     ASSERT_TRUE(a.connect(server.port()));
-    a.send(1, Bytes{'h', 'i', 0});
+    a.send(1, text("hi"));
     ASSERT_TRUE(a.nextOn(1));
     a.send(0, Bytes{1, 2});  // too short for its type word
     ASSERT_TRUE(server.waitForLog("|||| Malformed "));
     std::this_thread::sleep_for(std::chrono::milliseconds(1200));  // gauges are published every second
-
     httplib::Client http("127.0.0.1", httpPort);
     auto res = http.Get("/metrics");
     ASSERT_TRUE(res);
     EXPECT_EQ(res->status, 200);
-    const std::string& body = res->body;
-    EXPECT_NE(body.find("\nlockstep_peers_connected 1\n"), std::string::npos) << body;
-    EXPECT_NE(body.find("\nlockstep_rooms 0\n"), std::string::npos);
-    EXPECT_NE(body.find("lockstep_messages_received_total{channel=\"1\",name=\"text\"} 1\n"), std::string::npos);
-    EXPECT_NE(body.find("lockstep_bytes_received_total{channel=\"1\",name=\"text\"} 3\n"), std::string::npos);
-    EXPECT_NE(body.find("lockstep_messages_sent_total{channel=\"1\",name=\"text\"} 1\n"), std::string::npos);
-    EXPECT_NE(body.find("lockstep_messages_received_total{channel=\"0\",name=\"lobby\"} 1\n"), std::string::npos);
-    EXPECT_NE(body.find("\nlockstep_malformed_dropped_total 1\n"), std::string::npos);
-    EXPECT_NE(body.find("# TYPE lockstep_step_completion_seconds histogram"), std::string::npos);
-    EXPECT_NE(body.find("\nlockstep_uptime_seconds "), std::string::npos);
+    for (const char* line : {"\nlockstep_peers_connected 1\n", "\nlockstep_rooms 0\n",
+                             "lockstep_messages_received_total{channel=\"1\",name=\"text\"} 1\n",
+                             "lockstep_bytes_received_total{channel=\"1\",name=\"text\"} 3\n",
+                             "lockstep_messages_sent_total{channel=\"1\",name=\"text\"} 1\n",
+                             "lockstep_messages_received_total{channel=\"0\",name=\"lobby\"} 1\n",
+                             "\nlockstep_malformed_dropped_total 1\n",
+                             "# TYPE lockstep_step_completion_seconds histogram", "\nlockstep_uptime_seconds "})
+        EXPECT_NE(res->body.find(line), std::string::npos) << line << res->body;
     EXPECT_EQ(http.Get("/other")->status, 404);
-    EXPECT_EQ(server.stop(), 0);
+
+    kill(server.pid(), SIGTERM);
+    std::string last;
+    while (last != "STOPPING=1" && last != "<none>") last = notice();
+    EXPECT_EQ(last, "STOPPING=1");
+    EXPECT_EQ(server.wait(), 0);
+    EXPECT_NE(server.log().find(": Enet server destroyed\n: Enet server deinitialized\n: ## Ending log\n"),
+              std::string::npos);
+    close(fd);
+    unlink(path.c_str());
 }
 
 TEST(Signals, Usr1DumpsAndUsr2ReportsWithoutAConsole) {
@@ -175,4 +182,16 @@ TEST(Signals, Usr1DumpsAndUsr2ReportsWithoutAConsole) {
     ASSERT_NE(tail, std::string::npos);
     EXPECT_NE(log.find("\n: \n: \n: \n", tail), std::string::npos) << log;
     EXPECT_EQ(server.stop(SIGTERM), 0);
+}
+
+TEST(Binary, KeysThroughAPipeAndTheEndOfInputKeepItRunning) {
+    ServerProcess server;
+    ASSERT_TRUE(server.start());
+    server.sendKeys("xRTD");
+    server.closeInput();
+    std::this_thread::sleep_for(std::chrono::milliseconds(300));
+    EXPECT_EQ(server.wait(0), -1);
+    TestClient a;
+    EXPECT_TRUE(a.connect(server.port()));
+    EXPECT_EQ(server.stop(), 0);
 }
