@@ -159,39 +159,3 @@ TEST(Operations, ServiceManagerMetricsAndAnOrderlySigterm) {
     close(fd);
     unlink(path.c_str());
 }
-
-TEST(Signals, Usr1DumpsAndUsr2ReportsWithoutAConsole) {
-    ServerProcess server;
-    ASSERT_TRUE(server.start());
-    kill(server.pid(), SIGUSR1);
-    ASSERT_TRUE(server.waitForLog("Dumped events to ./server_data/stats/keypress_dump.events"));
-    EXPECT_NE(server.log().find(": Dumping stats to keypress_dump\n: Dumped stats to "
-                                "./server_data/stats/keypress_dump.serverstats\n"),
-              std::string::npos);
-    // The start event may already have gone to a periodic dump, so only the
-    // statistics block is certain.
-    EXPECT_EQ(server.readFile("server_data/stats/keypress_dump.serverstats").rfind("Stat dump after ", 0), 0u);
-
-    kill(server.pid(), SIGUSR2);
-    ASSERT_TRUE(server.waitForLog("Total send: "));
-    // The network report, then the load report (no rooms: two empty lines).
-    std::string log = server.log();
-    std::size_t net = log.find(": Bytes received: 0, (0 kB, 0 MB)\n");
-    ASSERT_NE(net, std::string::npos);
-    std::size_t tail = log.find(": In ", log.find("Total send: ", net));
-    ASSERT_NE(tail, std::string::npos);
-    EXPECT_NE(log.find("\n: \n: \n: \n", tail), std::string::npos) << log;
-    EXPECT_EQ(server.stop(SIGTERM), 0);
-}
-
-TEST(Binary, KeysThroughAPipeAndTheEndOfInputKeepItRunning) {
-    ServerProcess server;
-    ASSERT_TRUE(server.start());
-    server.sendKeys("xRTD");
-    server.closeInput();
-    std::this_thread::sleep_for(std::chrono::milliseconds(300));
-    EXPECT_EQ(server.wait(0), -1);
-    TestClient a;
-    EXPECT_TRUE(a.connect(server.port()));
-    EXPECT_EQ(server.stop(), 0);
-}

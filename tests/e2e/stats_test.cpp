@@ -1,14 +1,18 @@
+// Tracked events, statistics and the operator's reports through the binary:
+// the dump files, the network and load reports, keys and signals.
+
 #include <gtest/gtest.h>
 
+#include <csignal>
+#include <ctime>
 #include <filesystem>
-#include <functional>
 #include <regex>
 
-#include "protocol/messages.h"
-#include "support/harness.h"
+#include "support/e2e_wire.h"
+#include "support/files.h"
 #include "support/server_process.h"
-#include "support/stats_support.h"
-#include "support/test_client.h"
+
+using e2e::words;
 
 namespace {
 
@@ -23,21 +27,8 @@ std::vector<std::string> fakedClock(const std::string& localTime) {
     return {};
 }
 
-Bytes trackEvent(const std::string& player, std::uint32_t eventType) {
-    return Writer().u32(1).u32(1).str(player).str("base set").u32(4000000000u).u32(eventType).str("menu").take();
-}
-
-// A text and its echo: everything the client sent before has been handled.
-void roundTrip(TestClient& client, const std::string& text = "sync") {
-    client.send(1, encodeText(text));
-    std::optional<Bytes> got;
-    while ((got = client.nextOn(1, 3000)) && textOf(*got) != text) {
-    }
-    ASSERT_TRUE(got) << "no echo";
-}
-
-std::size_t findLine(const std::vector<std::string>& lines, const std::string& text, std::size_t from = 0) {
-    for (std::size_t i = from; i < lines.size(); ++i)
+std::size_t findLine(const std::vector<std::string>& lines, const std::string& text) {
+    for (std::size_t i = 0; i < lines.size(); ++i)
         if (lines[i] == ": " + text) return i;
     return std::string::npos;
 }
@@ -92,56 +83,85 @@ std::vector<std::string> eventsWithoutTimes(const std::string& text, std::int64_
     }
     return lines;
 }
-
-const std::vector<std::string> kStartEvent = {"eventIndex = 0", "type = 2", "playerName = __SERVER__",
-                                              "sourceIP = 0", "dataset = ", "datasetChecksum = 0",
-                                              "additionalEventData = ", "timestamp = *"};
-
 }  // namespace
 
-TEST(StatsBinary, KeyDDumpsTheStartEventAClientEventAndAnEmptyBlock) {
-    // 10:02 is far from minutes 1 and 6: no periodic dump interferes.
-    auto clock = fakedClock("2026-03-05 10:02:00");
+TEST(StatsBinary, PeriodicAndKeyDumpsOfAFinishedMatchUnderAFakedClockAndTheCloseDump) {
+    auto clock = fakedClock("2026-03-05 10:06:10");
     if (clock.empty()) GTEST_SKIP() << "libfaketime is not installed";
-    const std::int64_t t0 = localUnixTime(2026, 3, 5, 10, 2, 0);
-    ServerProcess server(ServerOptions{.environment = clock});
+    std::tm local{.tm_sec = 10, .tm_min = 6, .tm_hour = 10, .tm_mday = 5, .tm_mon = 2, .tm_year = 126, .tm_isdst = -1};
+    const std::int64_t t0 = std::mktime(&local);
+    ServerProcess server(ServerOptions{.statistics = true, .environment = clock});
     ASSERT_TRUE(server.start());
-    TestClient client;
-    ASSERT_TRUE(client.connect(server.port()));
-    client.send(5, trackEvent("Ann", 55));
-    roundTrip(client);
-
-    server.sendKeys("d");
-    const std::string base = "./server_data/stats/keypress_dump";
-    ASSERT_TRUE(server.waitForLog(": Dumping stats to keypress_dump\n: Dumped stats to " + base +
-                                  ".serverstats\n: Dumped events to " + base + ".events\n"))
+    // Minute 6 is 1 mod 5 and the latch starts armed: the first service step
+    // dumps the start event under the day's name.
+    const std::string day = "server_data/stats/126_03_05";
+    ASSERT_TRUE(server.waitForLog(": Dumping stats to 126_03_05\n: Dumped stats to ./" + day + ".serverstats\n"
+                                  ": Dumped events to ./" + day + ".events\n"))
         << server.log();
-    auto expected = kStartEvent;
-    for (const char* line : {"eventIndex = 1", "type = 55", "playerName = Ann", "sourceIP = 16777343",
-                             "dataset = base set", "datasetChecksum = 4000000000", "additionalEventData = menu",
-                             "timestamp = *"})
-        expected.push_back(line);
-    EXPECT_EQ(eventsWithoutTimes(server.readFile("server_data/stats/keypress_dump.events"), t0, t0 + 60), expected);
-    EXPECT_EQ(blockTail(server.readFile("server_data/stats/keypress_dump.serverstats"), 60), kEmptyBlockTail);
+    EXPECT_EQ(eventsWithoutTimes(server.readFile(day + ".events"), t0, t0 + 5),
+              (std::vector<std::string>{"eventIndex = 0", "type = 2", "playerName = __SERVER__", "sourceIP = 0",
+                                        "dataset = ", "datasetChecksum = 0", "additionalEventData = ",
+                                        "timestamp = *"}));
+    EXPECT_EQ(blockTail(server.readFile(day + ".serverstats"), 5), kEmptyBlockTail);
 
+    // Ann reports an event and plays one minute (step 1200) with bob.
+    TestClient a, b;
+    const std::uint32_t room =
+        e2e::startMatch(server.port(), {&a, &b}, {"Ann", "bob"}, e2e::createRoom("Stats room", "base", 1234));
+    ASSERT_NE(room, 0u);
+    a.send(5, Writer().u32(1).u32(1).str("Ann").str("base set").u32(4000000000u).u32(55).str("menu").take());
+    server.sendKeys("t");
+    ASSERT_TRUE(server.waitForLog(": Room " + std::to_string(room) + " - Net: 0 - CPU: 0\n"));
+    a.send(3, words({1, 1200, 0}));
+    b.send(3, words({1, 1200, 1}));
+    ASSERT_TRUE(e2e::awaitOn(a, 3, [](const Bytes& m) { return m == words({1, 1200, 1}); }));
+    a.disconnect();
+    b.disconnect();
+    ASSERT_TRUE(server.waitForLog("Empty room \"Stats room\" with ID " + std::to_string(room) + " deleted. "));
+
+    // The room's deletion folded the match into the statistics.
+    server.sendKeys("d");
+    ASSERT_TRUE(server.waitForLog("Dumped events to ./server_data/stats/keypress_dump.events"));
+    EXPECT_EQ(eventsWithoutTimes(server.readFile("server_data/stats/keypress_dump.events"), t0, t0 + 60),
+              (std::vector<std::string>{"eventIndex = 0", "type = 55", "playerName = Ann", "sourceIP = 16777343",
+                                        "dataset = base set", "datasetChecksum = 4000000000",
+                                        "additionalEventData = menu", "timestamp = *"}));
+    EXPECT_EQ(blockTail(server.readFile("server_data/stats/keypress_dump.serverstats"), 60),
+              (std::vector<std::string>{"    Total games: 1, with 0 desyncs", "    Games per dataset:",
+                                        "        base(1234) -> 1", "    Desyncs per dataset:", "    Gamemodes:",
+                                        "        0 -> 1", "    Players:", "        Ann -> 1", "        bob -> 1", "",
+                                        "    Average players: 2, with max of 2",
+                                        "    Average game length: 1m 0s, with max of 1m 0s",
+                                        "    Average max order delay: 0, with max of 0"}));
+
+    // The close dump goes to the working directory, after the network report.
     EXPECT_EQ(server.stop(), 0);
-    // Statistics are off: nothing is written at shutdown.
-    EXPECT_FALSE(std::filesystem::exists(server.root() + "/close.serverstats"));
+    auto lines = splitLines(server.log());
+    std::size_t closeLine = findLine(lines, "Dumped stats to close.serverstats");
+    ASSERT_TRUE(closeLine != std::string::npos && closeLine >= 9) << server.log();
+    EXPECT_EQ(networkReportAt(lines, closeLine - 9).size(), 5u);
+    EXPECT_EQ(lines[closeLine + 1], ": Enet server destroyed");
+    EXPECT_EQ(blockTail(server.readFile("close.serverstats"), 60), kEmptyBlockTail);
+    EXPECT_EQ(countOf(server.log(), "Dumping stats to "), 2u);
 }
 
-TEST(StatsBinary, KeysRAndTAndTheReportAtShutdown) {
+TEST(StatsBinary, KeysThroughAPipeThatEndsSignalsAndTheNetworkReportAtShutdown) {
     ServerProcess server;
     ASSERT_TRUE(server.start());
     TestClient client;
     ASSERT_TRUE(client.connect(server.port()));
-    // 3000 bytes of an unknown event tracking type, then a 100-byte text.
-    Bytes big = Writer().u32(9).u32(1).take();
+    // 3000 bytes of an unknown event tracking type, then a 100-byte text,
+    // whose echo says that both have been handled.
+    Bytes big = words({9, 1});
     big.resize(3000, 'x');
     client.send(5, big);
-    roundTrip(client, std::string(99, 'y'));
+    client.send(1, e2e::text(std::string(99, 'y')));
+    ASSERT_TRUE(client.nextOn(1, 3000));
 
-    // Uppercase keys print nothing; 't' without rooms prints two empty lines.
-    server.sendKeys("RTtrr");
+    // Other and uppercase keys do nothing, 't' without rooms prints two empty
+    // lines, and the end of the input is no reason to stop.
+    server.sendKeys("xRTDtrr");
+    server.closeInput();
     ASSERT_TRUE(server.waitForLog(": In ", 4));
     auto lines = splitLines(server.log());
     std::size_t first = findLine(lines, "Bytes received: 3100, (3 kB, 0 MB)");
@@ -158,6 +178,20 @@ TEST(StatsBinary, KeysRAndTAndTheReportAtShutdown) {
     EXPECT_GT(one[3], 0u);
     for (std::size_t i = 0; i < 5; ++i) EXPECT_GE(two[i], one[i]) << i;
 
+    // SIGUSR2 is 'r' then 't', SIGUSR1 is 'd'.
+    kill(server.pid(), SIGUSR2);
+    ASSERT_TRUE(server.waitForLog(": In ", 6));
+    lines = splitLines(server.log());
+    ASSERT_GE(lines.size(), first + 28);
+    EXPECT_EQ(networkReportAt(lines, first + 17).size(), 5u) << server.log();
+    EXPECT_EQ(std::vector<std::string>(lines.begin() + first + 26, lines.begin() + first + 28),
+              (std::vector<std::string>{": ", ": "}));
+    kill(server.pid(), SIGUSR1);
+    ASSERT_TRUE(server.waitForLog(": Dumping stats to keypress_dump\n: Dumped stats to "
+                                  "./server_data/stats/keypress_dump.serverstats\n: Dumped events to "
+                                  "./server_data/stats/keypress_dump.events\n"));
+    EXPECT_EQ(countOf(server.log(), "Dumping stats to keypress_dump"), 1u);
+
     EXPECT_EQ(server.stop(), 0);
     lines = splitLines(server.log());
     std::size_t destroyed = findLine(lines, "Enet server destroyed");
@@ -165,107 +199,4 @@ TEST(StatsBinary, KeysRAndTAndTheReportAtShutdown) {
     auto last = networkReportAt(lines, destroyed - 9);
     ASSERT_EQ(last.size(), 5u);
     EXPECT_EQ(last[0], 3100u);
-}
-
-TEST(StatsBinary, PeriodicDumpUnderAFakedClockAndTheCloseDump) {
-    auto clock = fakedClock("2026-03-05 10:06:10");
-    if (clock.empty()) GTEST_SKIP() << "libfaketime is not installed";
-    const std::int64_t t0 = localUnixTime(2026, 3, 5, 10, 6, 10);
-    ServerProcess server(ServerOptions{.statistics = true, .environment = clock});
-    ASSERT_TRUE(server.start());
-    // Minute 6 is 1 mod 5 and the latch starts armed: the first service step
-    // dumps the start event under the day's name.
-    const std::string base = "./server_data/stats/126_03_05";
-    ASSERT_TRUE(server.waitForLog(": Dumping stats to 126_03_05\n: Dumped stats to " + base +
-                                  ".serverstats\n: Dumped events to " + base + ".events\n"))
-        << server.log();
-    EXPECT_EQ(eventsWithoutTimes(server.readFile("server_data/stats/126_03_05.events"), t0, t0 + 5), kStartEvent);
-    EXPECT_EQ(blockTail(server.readFile("server_data/stats/126_03_05.serverstats"), 5), kEmptyBlockTail);
-
-    EXPECT_EQ(server.stop(), 0);
-    // The close dump goes to the working directory, after the network report.
-    auto lines = splitLines(server.log());
-    std::size_t closeLine = findLine(lines, "Dumped stats to close.serverstats");
-    ASSERT_TRUE(closeLine != std::string::npos && closeLine >= 9) << server.log();
-    EXPECT_EQ(networkReportAt(lines, closeLine - 9).size(), 5u);
-    EXPECT_EQ(lines[closeLine + 1], ": Enet server destroyed");
-    EXPECT_EQ(blockTail(server.readFile("close.serverstats"), 10), kEmptyBlockTail);
-    EXPECT_EQ(countOf(server.log(), "Dumping stats to "), 1u);
-}
-
-namespace {
-
-std::uint32_t wordAt(const Bytes& bytes, std::size_t offset) {
-    return bytes.size() >= offset + 4 ? loadU32(bytes.data() + offset) : 0xFFFFFFFFu;
-}
-
-// The next message of a type on a channel that also satisfies a test; other
-// messages on that channel are passed over.
-std::optional<Bytes> awaitType(TestClient& client, std::uint8_t channel, std::uint32_t type, int timeoutMs = 3000,
-                               const std::function<bool(const Bytes&)>& also = nullptr) {
-    std::optional<Bytes> got;
-    while ((got = client.nextOn(channel, timeoutMs)) && !(messageType(*got) == type && (!also || also(*got)))) {
-    }
-    return got;
-}
-
-}  // namespace
-
-TEST(StatsBinary, FinishedMatchIsFoldedIntoTheStatisticsWhenItsRoomIsDeleted) {
-    auto clock = fakedClock("2026-03-05 10:02:00");
-    if (clock.empty()) GTEST_SKIP() << "libfaketime is not installed";
-    ServerProcess server(ServerOptions{.statistics = true, .environment = clock});
-    ASSERT_TRUE(server.start());
-    TestClient a, b;
-    ASSERT_TRUE(a.connect(server.port()));
-    ASSERT_TRUE(b.connect(server.port()));
-
-    a.send(0, Writer().u32(2).u32(1).str("Stats room").str("base").u32(1234).take());
-    auto accepted = awaitType(a, 0, 6, 2000);
-    ASSERT_TRUE(accepted);
-    const std::uint32_t roomId = wordAt(*accepted, 12);
-    b.send(0, words({3, 1, roomId}));
-    auto bAccepted = awaitType(b, 0, 6);
-    ASSERT_TRUE(bAccepted);
-    const std::uint32_t bSlot = wordAt(*bAccepted, 8);
-
-    auto setup = [](std::uint32_t slot, const std::string& name) {
-        return Writer().u32(5).u32(1).u32(slot).u32(1).u32(0).u32(0).u32(0).u32(0).u32(0).str(name).u32(0).u32(0).take();
-    };
-    auto readySetupOf = [](std::uint32_t slot) {
-        return [slot](const Bytes& m) { return wordAt(m, 8) == slot && wordAt(m, 12) == 1; };
-    };
-    a.send(0, setup(0, "Ann"));
-    ASSERT_TRUE(awaitType(b, 0, 5, 3000, readySetupOf(0)));
-    b.send(0, setup(bSlot, "bob"));
-    ASSERT_TRUE(awaitType(a, 0, 5, 3000, readySetupOf(bSlot)));
-
-    a.send(0, words({14, 1}));  // the start request
-    ASSERT_TRUE(awaitType(a, 0, 14) && awaitType(b, 0, 14));
-    a.send(0, words({14, 1}));  // each human confirms
-    b.send(0, words({14, 1}));
-    ASSERT_TRUE(awaitType(a, 0, 14) && awaitType(b, 0, 14));
-
-    server.sendKeys("t");
-    ASSERT_TRUE(server.waitForLog(": Room " + std::to_string(roomId) + " - Net: 0 - CPU: 0\n"));
-
-    // Step 1200 done by both: a match of one minute.
-    a.send(3, words({1, 1200, 0}));
-    b.send(3, words({1, 1200, bSlot}));
-    auto isStep1200 = [](const Bytes& m) { return m.size() == 12 && wordAt(m, 4) == 1200; };
-    ASSERT_TRUE(awaitType(a, 3, 1, 3000, isStep1200));
-
-    a.disconnect();
-    b.disconnect();
-    ASSERT_TRUE(server.waitForLog("Empty room \"Stats room\" with ID " + std::to_string(roomId) + " deleted. "));
-    server.sendKeys("d");
-    ASSERT_TRUE(server.waitForLog("Dumped events to ./server_data/stats/keypress_dump.events"));
-    EXPECT_EQ(blockTail(server.readFile("server_data/stats/keypress_dump.serverstats"), 60),
-              (std::vector<std::string>{"    Total games: 1, with 0 desyncs", "    Games per dataset:",
-                                        "        base(1234) -> 1", "    Desyncs per dataset:", "    Gamemodes:",
-                                        "        0 -> 1", "    Players:", "        Ann -> 1", "        bob -> 1", "",
-                                        "    Average players: 2, with max of 2",
-                                        "    Average game length: 1m 0s, with max of 1m 0s",
-                                        "    Average max order delay: 0, with max of 0"}));
-    EXPECT_EQ(server.stop(), 0);
 }
