@@ -60,6 +60,12 @@ inline std::optional<Bytes> awaitOn(TestClient& c, std::uint8_t channel, const s
     }
     return m;
 }
+// The next n messages on channel; fewer when one does not come in time.
+inline std::vector<Bytes> take(TestClient& c, std::uint8_t channel, std::size_t n) {
+    std::vector<Bytes> out;
+    for (std::optional<Bytes> m; out.size() < n && (m = c.nextOn(channel, 3000));) out.push_back(std::move(*m));
+    return out;
+}
 inline auto ofType(std::uint32_t type) {
     return [type](const Bytes& b) { return wordAt(b, 0) == type; };
 }
