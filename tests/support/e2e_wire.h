@@ -22,7 +22,6 @@ inline Bytes words(std::initializer_list<std::uint32_t> values) {
 }
 inline Bytes bytesOf(std::string_view s) { return Bytes(s.begin(), s.end()); }
 inline Bytes text(std::string_view s) { return Writer().str(s).take(); }
-inline std::string textOf(const Bytes& b) { return std::string(b.begin(), b.end() - (b.empty() ? 0 : 1)); }
 // Word i of a message, or 0xFFFFFFFF when the message is shorter.
 inline std::uint32_t wordAt(const Bytes& b, std::size_t i) {
     return b.size() >= 4 * i + 4 ? loadU32(b.data() + 4 * i) : 0xFFFFFFFFu;

@@ -78,11 +78,3 @@ void TestClient::disconnect(int timeoutMs) {
     if (!serviceUntil(timeoutMs, [this] { return peer_ == nullptr; })) enet_peer_reset(peer_);
     peer_ = nullptr;
 }
-
-std::uint32_t messageType(const Bytes& bytes) { return bytes.size() < 4 ? 0xFFFFFFFFu : loadU32(bytes.data()); }
-
-std::string textOf(const Bytes& bytes) {
-    std::string s(bytes.begin(), bytes.end());
-    if (!s.empty() && s.back() == '\0') s.pop_back();
-    return s;
-}

@@ -5,7 +5,6 @@
 #include <deque>
 #include <functional>
 #include <optional>
-#include <string>
 #include <utility>
 
 #include <enet/enet.h>
@@ -37,8 +36,3 @@ private:
     bool connected_ = false;
     std::deque<std::pair<std::uint8_t, Bytes>> inbox_;
 };
-
-// The message type word, or 0xFFFFFFFF when the bytes are too short.
-std::uint32_t messageType(const Bytes& bytes);
-// The text of a text-channel message.
-std::string textOf(const Bytes& bytes);
