@@ -2,10 +2,7 @@
 // a room's creation, a join, a refused one, a setup, leaving and the room's
 // deletion.
 
-#include <gtest/gtest.h>
-
-#include "support/e2e_wire.h"
-#include "support/server_process.h"
+#include "support/e2e_support.h"
 
 using namespace e2e;
 

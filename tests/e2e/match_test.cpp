@@ -2,12 +2,7 @@
 // orders, step completion, the order delay, a desync with its resync and
 // evidence files, and players who leave or vanish.
 
-#include <gtest/gtest.h>
-
-#include <chrono>
-
-#include "support/e2e_wire.h"
-#include "support/server_process.h"
+#include "support/e2e_support.h"
 
 using namespace e2e;
 

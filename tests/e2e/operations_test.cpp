@@ -1,21 +1,14 @@
 // The binary as an operator meets it: its log from start to stop, the data
 // root, options and exit statuses, the service manager, metrics and signals.
 
-#include <gtest/gtest.h>
-
-#include <csignal>
-#include <filesystem>
 #include <sys/socket.h>
 #include <sys/un.h>
-#include <thread>
 #include <tuple>
 #include <unistd.h>
 
 #include <httplib.h>
 
-#include "support/e2e_wire.h"
-#include "support/files.h"
-#include "support/server_process.h"
+#include "support/e2e_support.h"
 
 namespace fs = std::filesystem;
 using e2e::text;
@@ -94,7 +87,7 @@ TEST(Options, PrintExitOrRefuseBeforeTheLogIsTouchedAndTheDataRootIsEntered) {
     }
 
     // The data root given from elsewhere is entered and gets its tree.
-    ServerProcess server(ServerOptions{.createServerData = false, .directory = "elsewhere",
+    ServerProcess server(ServerOptions{.directory = "elsewhere",
                                        .arguments = {"--data-root", ".."}});
     ASSERT_TRUE(server.start());
     EXPECT_NE(server.log().find(": path: ./\n"), std::string::npos) << server.log();

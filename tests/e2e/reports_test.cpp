@@ -2,17 +2,7 @@
 // filed byte for byte and thanked, every failure answered with its text, and
 // report directories that cannot be made.
 
-#include <gtest/gtest.h>
-
-#include <ctime>
-#include <filesystem>
-#include <map>
-#include <regex>
-#include <set>
-
-#include "support/e2e_wire.h"
-#include "support/files.h"
-#include "support/server_process.h"
+#include "support/e2e_support.h"
 
 namespace fs = std::filesystem;
 using e2e::bytesOf;

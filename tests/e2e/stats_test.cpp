@@ -1,16 +1,7 @@
 // Tracked events, statistics and the operator's reports through the binary:
 // the dump files, the network and load reports, keys and signals.
 
-#include <gtest/gtest.h>
-
-#include <csignal>
-#include <ctime>
-#include <filesystem>
-#include <regex>
-
-#include "support/e2e_wire.h"
-#include "support/files.h"
-#include "support/server_process.h"
+#include "support/e2e_support.h"
 
 using e2e::words;
 

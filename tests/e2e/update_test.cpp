@@ -2,14 +2,7 @@
 // announcements after event 101, the manifest and files on request, refused
 // names, and requests it must not act on.
 
-#include <gtest/gtest.h>
-
-#include <filesystem>
-#include <set>
-
-#include "support/e2e_wire.h"
-#include "support/files.h"
-#include "support/server_process.h"
+#include "support/e2e_support.h"
 
 namespace fs = std::filesystem;
 using namespace e2e;

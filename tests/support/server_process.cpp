@@ -39,7 +39,7 @@ std::size_t countOf(const std::string& haystack, const std::string& needle) {
 ServerProcess::ServerProcess(ServerOptions options) : options_(std::move(options)) {
     char tmpl[] = "/tmp/lockstep-e2e-XXXXXX";
     root_ = mkdtemp(tmpl);
-    if (options_.createServerData) fs::create_directories(root_ + "/server_data");
+    fs::create_directories(root_ + "/server_data");
     fs::create_directories(root_ + "/" + options_.directory);
     port_ = options_.port != 0 ? options_.port : freePort();
     writeFile("settings/server.config", std::to_string(port_) + "\n" + options_.description + "\n" +

@@ -13,7 +13,6 @@ struct ServerOptions {
     std::uint16_t port = 0;
     std::string description;
     bool statistics = false;
-    bool createServerData = true;
     // Where under the root the program runs.
     std::string directory = ".";
     std::vector<std::string> environment;  // extra "NAME=value" entries

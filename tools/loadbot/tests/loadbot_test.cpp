@@ -3,18 +3,11 @@
 // every kind of mistake on purpose (each must be counted exactly), against
 // the bare relay it is measured with, and against the server.
 
-#include <gtest/gtest.h>
-
 #include <arpa/inet.h>
 #include <atomic>
-#include <map>
-#include <thread>
-
-#include <enet/enet.h>
 
 #include "histogram.h"
-#include "support/e2e_wire.h"
-#include "support/server_process.h"
+#include "support/e2e_support.h"
 
 using e2e::words;
 

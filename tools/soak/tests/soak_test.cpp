@@ -4,16 +4,11 @@
 // the server, so that the tool keeps working between the long runs of
 // `make soak`.
 
-#include <gtest/gtest.h>
-
 #include <cstdio>
-#include <regex>
-#include <set>
 
 #include "junk.h"
 #include "soak.h"
-#include "support/e2e_wire.h"
-#include "support/server_process.h"
+#include "support/e2e_support.h"
 
 using e2e::words;
 

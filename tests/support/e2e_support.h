@@ -1,16 +1,24 @@
 #pragma once
-// Messages for the end-to-end tests, built from the byte layouts with the
-// plain Writer rather than with the server's own codec, and a match brought
-// to its go notice through the real lobby.
+// What the end-to-end tests and the tools' tests share: the server process,
+// the ENet client, the file helpers, the standard headers they all use, and
+// messages built with the plain Writer from the byte layouts rather than with
+// the server's own codec.
 
 #include <gtest/gtest.h>
 
-#include <functional>
-#include <optional>
+#include <csignal>
+#include <ctime>
+#include <filesystem>
+#include <map>
+#include <regex>
+#include <set>
 #include <string>
 #include <string_view>
+#include <thread>
 #include <vector>
 
+#include "support/files.h"
+#include "support/server_process.h"
 #include "support/test_client.h"
 
 namespace e2e {
@@ -50,6 +58,19 @@ inline Bytes order(std::uint32_t step, std::uint32_t argument, std::uint32_t ord
     return w.u32(0x11111111).u32(0x22222222).u32(0x33333333).u32(0x44444444).u32(0x55555555).u8(0x66).str(text).take();
 }
 
+// The raw text of a value in a flat JSON line, as the tools print them; ""
+// when the key is absent. And the value as a number.
+inline std::string jsonText(const std::string& json, const std::string& key) {
+    auto at = json.find("\"" + key + "\":");
+    if (at == std::string::npos) return "";
+    at += key.size() + 3;
+    return json.substr(at, json.find_first_of(",}", at) - at);
+}
+inline std::uint64_t jsonNumber(const std::string& json, const std::string& key) {
+    EXPECT_NE(jsonText(json, key), "") << key;
+    return std::strtoull(jsonText(json, key).c_str(), nullptr, 10);
+}
+
 // The next message on channel that satisfies match; the others on that
 // channel are dropped.
 inline std::optional<Bytes> awaitOn(TestClient& c, std::uint8_t channel, const std::function<bool(const Bytes&)>& match,
@@ -65,15 +86,14 @@ inline std::vector<Bytes> take(TestClient& c, std::uint8_t channel, std::size_t 
     for (std::optional<Bytes> m; out.size() < n && (m = c.nextOn(channel, 3000));) out.push_back(std::move(*m));
     return out;
 }
-inline auto ofType(std::uint32_t type) {
-    return [type](const Bytes& b) { return wordAt(b, 0) == type; };
-}
 
-// The clients connect; the first creates a room with `create`, the others
+// A match brought to its go notice through the real lobby: the clients
+// connect; the first creates a room with `create`, the others
 // join it into slots 1, 2, ...; all set up ready under their names, the
 // first asks for the start and all confirm. The room's ID, 0 on a failure.
 inline std::uint32_t startMatch(std::uint16_t port, const std::vector<TestClient*>& clients,
                                 const std::vector<std::string>& names, const Bytes& create = createRoom("duel")) {
+    auto ofType = [](std::uint32_t type) { return [type](const Bytes& m) { return wordAt(m, 0) == type; }; };
     std::uint32_t room = 0;
     for (std::uint32_t i = 0; i < clients.size(); ++i) {
         if (!clients[i]->connect(port)) return ADD_FAILURE() << "connect " << i, 0;
