@@ -1,6 +1,8 @@
-// Matches through the binary: the start with its confirmations, the relay of
-// orders, step completion, the order delay, a desync with its resync and
-// evidence files, and players who leave or vanish.
+// The road of a match through the binary, byte for byte: the status and the
+// room list, a room's creation, joins and their refusals, setups, leaving,
+// the start with its confirmations, the relay of orders, step completion,
+// the order delay, a desync with its resync and evidence files, players who
+// leave or vanish, and the room's end.
 
 #include "support/e2e_support.h"
 
@@ -16,14 +18,58 @@ std::optional<Bytes> nextControl(TestClient& c) {
 }
 }  // namespace
 
-TEST(MatchBinary, StartRelayStepsDelayDesyncAndResync) {
-    ServerProcess server;
+TEST(MatchBinary, LobbyStartRelayStepsDelayDesyncResyncAndTheRoomsEnd) {
+    ServerProcess server(ServerOptions{.description = "Lobby server"});
     ASSERT_TRUE(server.start());
-    TestClient a, b;
-    ASSERT_TRUE(a.connect(server.port()));
-    ASSERT_TRUE(b.connect(server.port()));
-    a.send(kLobby, createRoom("Match"));
-    take(a, kLobby, 13);
+    TestClient a, b, c;
+    for (TestClient* client : {&a, &b, &c}) ASSERT_TRUE(client->connect(server.port()));
+    auto status = [](std::uint32_t inOtherRooms, std::uint32_t inNoRoom) {
+        return Writer().u32(1).u32(1).str("Lobby server").u32(0).u32(0).u32(inOtherRooms).u32(inNoRoom).u32(4).take();
+    };
+    const Bytes settings = Writer().u32(13).u32(1).u32(0).str("").u32(8).u32(0).u32(0).take();
+
+    a.send(kLobby, words({10, 1, 0}));
+    EXPECT_EQ(take(a, kLobby, 1), std::vector<Bytes>{status(0, 3)});
+    EXPECT_TRUE(a.quiet(300));
+
+    // A room without a name is called after its ID.
+    a.send(kLobby, createRoom("", "base", 1234));
+    std::vector<Bytes> created = {words({6, 1, 0, 1}), setup(0, 0)};
+    for (std::uint32_t i = 1; i < 8; ++i) created.push_back(words({7, 1, i, 0}));
+    created.insert(created.end(), {setup(0, 0), words({8, 1, 0}), words({8, 1, 1}), setup(0, 0)});
+    EXPECT_EQ(take(a, kLobby, 13), created);
+    ASSERT_TRUE(server.waitForLog("Room \"Room # 1\", ID 1, data \"base\", checksum 1234. Total rooms: 1"));
+    EXPECT_NE(server.log().find(": Joined room 1 Peers in room: 1\n: Room \"Room # 1\""), std::string::npos);
+
+    b.send(kLobby, words({10, 1, 1}));
+    EXPECT_EQ(take(b, kLobby, 4),
+              (std::vector<Bytes>{status(1, 2),
+                                  Writer().u32(11).u32(1).u32(1).str("Room # 1").str("base").u32(1234).u32(1).u32(8)
+                                      .u32(1).take(),
+                                  settings, Writer().u32(12).u32(1).u32(1).str("").take()}));
+
+    b.send(kLobby, words({3, 1, 1}));
+    std::vector<Bytes> joined = {words({6, 1, 1, 1}), setup(0, 0), setup(1, 0)};
+    for (std::uint32_t i = 2; i < 8; ++i) joined.push_back(words({7, 1, i, 0}));
+    joined.insert(joined.end(), {setup(1, 0), settings});
+    EXPECT_EQ(take(b, kLobby, 11), joined);
+    EXPECT_EQ(take(a, kLobby, 1), std::vector<Bytes>{setup(1, 0)});
+    ASSERT_TRUE(server.waitForLog("Joined room 1 Peers in room: 2"));
+
+    // A setup reaches every human, the sender included.
+    b.send(kLobby, setup(1, 1, "Bea"));
+    EXPECT_EQ(take(a, kLobby, 1), std::vector<Bytes>{setup(1, 1, "Bea")});
+    EXPECT_EQ(take(b, kLobby, 1), std::vector<Bytes>{setup(1, 1, "Bea")});
+
+    c.send(kLobby, words({3, 1, 7}));
+    EXPECT_EQ(c.nextOn(kText), text("Cannot join: room does no longer exist!"));
+
+    b.send(kLobby, words({4, 1}));
+    EXPECT_EQ(take(a, kLobby, 2), (std::vector<Bytes>{setup(1, 0), words({7, 1, 1, 0})}));
+    ASSERT_TRUE(server.waitForLog("Left room 1 Peers in room: 1"));
+    EXPECT_TRUE(b.quiet(200));
+
+    // Back in the room, both get ready.
     b.send(kLobby, words({3, 1, 1}));
     take(b, kLobby, 11);
     take(a, kLobby, 1);
@@ -36,17 +82,15 @@ TEST(MatchBinary, StartRelayStepsDelayDesyncAndResync) {
     // gives tags 1 and 3 and locations 1 and 3; the go notice waits for
     // every confirmation.
     b.send(kLobby, words({14, 1}));
-    for (TestClient* c : {&a, &b})
-        EXPECT_EQ(take(*c, kLobby, 3),
+    for (TestClient* p : {&a, &b})
+        EXPECT_EQ(take(*p, kLobby, 3),
                   (std::vector<Bytes>{setup(0, 1, "Ann", 1, 1), setup(1, 1, "Bea", 3, 3), words({14, 1})}));
     a.send(kLobby, words({14, 1}));
     EXPECT_TRUE(a.quiet(300));
     b.send(kLobby, words({14, 1}));
-    for (TestClient* c : {&a, &b}) EXPECT_EQ(take(*c, kLobby, 1), std::vector<Bytes>{words({14, 1})});
-    TestClient late;
-    ASSERT_TRUE(late.connect(server.port()));
-    late.send(kLobby, words({3, 1, 1}));
-    EXPECT_EQ(late.nextOn(kText), text("Cannot join: game has already started!"));
+    for (TestClient* p : {&a, &b}) EXPECT_EQ(take(*p, kLobby, 1), std::vector<Bytes>{words({14, 1})});
+    c.send(kLobby, words({3, 1, 1}));
+    EXPECT_EQ(c.nextOn(kText), text("Cannot join: game has already started!"));
 
     // The controller's first decision comes some 616 service steps in, a few
     // seconds of an idle loop; on loopback it shortens the delay.
@@ -61,16 +105,8 @@ TEST(MatchBinary, StartRelayStepsDelayDesyncAndResync) {
     EXPECT_EQ(first[0], words({2, 1}));
     EXPECT_EQ(first[1], words({2, 1}));
 
-    // An ordinary order reaches the other player byte for byte, not the sender.
-    Bytes ordinary = order(3, 17, 321, "go north", {4, 5}, {6});
-    ordinary.push_back(0x99);
-    a.send(kOrders, ordinary);
-    EXPECT_EQ(b.nextOn(kOrders), ordinary);
-    EXPECT_FALSE(a.nextOn(kOrders, 300));
-
-    // A step completes only when both have reported it.
+    // Step 5 is completed; the three-player test shows the waiting.
     a.send(kOrders, words({1, 5, 0}));
-    EXPECT_FALSE(b.nextOn(kOrders, 300));
     b.send(kOrders, words({1, 5, 1}));
     EXPECT_EQ(a.nextOn(kOrders), words({1, 5, 1}));
     EXPECT_EQ(b.nextOn(kOrders), words({1, 5, 1}));
@@ -82,9 +118,9 @@ TEST(MatchBinary, StartRelayStepsDelayDesyncAndResync) {
     EXPECT_TRUE(server.waitForLog("|||| Checksums failed at step 40 in room 1\n"));
     Bytes resync = words({1, 6, 0xFFFFFFFFu, 0, 902, 0, 0xFFFFFFFFu, 0xFFFFFFFFu, 0, 0, 0});
     resync.resize(46, 0);
-    for (TestClient* c : {&a, &b}) {
-        EXPECT_EQ(c->nextOn(kText), text("Desync detected... attempting resync..."));
-        EXPECT_EQ(c->nextOn(kOrders), resync);
+    for (TestClient* p : {&a, &b}) {
+        EXPECT_EQ(p->nextOn(kText), text("Desync detected... attempting resync..."));
+        EXPECT_EQ(p->nextOn(kOrders), resync);
     }
 
     // Until the resync completes, orders beyond step 6 go nowhere.
@@ -104,6 +140,14 @@ TEST(MatchBinary, StartRelayStepsDelayDesyncAndResync) {
     EXPECT_EQ(server.readFile("server_data/resyncs/room1_desync1_peer1.log"), "step log");
     a.send(kOrders, step7);
     EXPECT_EQ(b.nextOn(kOrders), step7);
+
+    // The room goes when its last human does.
+    a.disconnect();
+    b.disconnect();
+    ASSERT_TRUE(server.waitForLog("Total rooms: 0"));
+    EXPECT_NE(server.log().find(": Left room 1 Peers in room: 0\n"), std::string::npos);
+    EXPECT_NE(server.log().find(": Empty room \"Room # 1\" with ID 1 deleted. \n: Total rooms: 0\n"), std::string::npos)
+        << server.log();
     EXPECT_EQ(server.stop(), 0);
 }
 
@@ -113,12 +157,16 @@ TEST(MatchBinary, ThreePlayersStepsWaitForAllAndLeaversReleaseThem) {
     TestClient a, b, c;
     ASSERT_NE(startMatch(server.port(), {&a, &b, &c}, {"Ann", "Bob", "Cid"}), 0u);
 
-    const Bytes ordinary = order(2, 1, 77, "", {}, {1, 2, 3});
+    // An ordinary order reaches the others byte for byte, bytes after its
+    // text included, and not the sender.
+    Bytes ordinary = order(2, 17, 321, "go north", {4, 5}, {1, 2, 3});
+    ordinary.push_back(0x99);
     b.send(kOrders, ordinary);
     EXPECT_EQ(a.nextOn(kOrders), ordinary);
     EXPECT_EQ(c.nextOn(kOrders), ordinary);
     EXPECT_FALSE(b.nextOn(kOrders, 300));
 
+    // A step completes only when everyone has reported it.
     a.send(kOrders, words({1, 9, 0}));
     b.send(kOrders, words({1, 9, 1}));
     EXPECT_FALSE(c.nextOn(kOrders, 300));
