@@ -10,7 +10,6 @@
 
 #include "support/e2e_support.h"
 
-namespace fs = std::filesystem;
 using e2e::text;
 
 TEST(Binary, LogFromStartToStopConnectionsTextAndASecondServerOnThePort) {
@@ -63,19 +62,14 @@ TEST(Binary, LogFromStartToStopConnectionsTextAndASecondServerOnThePort) {
     // The console carries the same lines, uncoloured when it is not a terminal.
     EXPECT_EQ(server.consoleOutput(), server.log());
     // Statistics are off: nothing is written at shutdown.
-    EXPECT_FALSE(fs::exists(server.root() + "/close.serverstats"));
+    EXPECT_FALSE(std::filesystem::exists(server.root() + "/close.serverstats"));
 }
 
-TEST(Options, PrintExitOrRefuseBeforeTheLogIsTouchedAndTheDataRootIsEntered) {
+TEST(Options, PrintAndExitOrRefuseBeforeTheLogIsTouched) {
     for (const auto& [args, status, printed] : std::vector<std::tuple<std::vector<std::string>, int, std::string>>{
-             {{"--version"}, 0, "lockstep-server "},
-             {{"--help"}, 0, "--data-root"},
-             {{"--help"}, 0, "--metrics"},
-             {{"--bogus"}, 2, ""},
-             {{"--data-root", "/nonexistent/lockstep"}, 2, ""},
-             {{"--metrics", "no-port"}, 2, ""},
-             {{"--metrics", "127.0.0.1:99999"}, 2, ""},
-             {{"stray"}, 2, ""}}) {
+             {{"--version"}, 0, "lockstep-server "}, {{"--help"}, 0, "--data-root"}, {{"--help"}, 0, "--metrics"},
+             {{"--bogus"}, 2, ""}, {{"--data-root", "/nonexistent/lockstep"}, 2, ""}, {{"--metrics", "no-port"}, 2, ""},
+             {{"--metrics", "127.0.0.1:99999"}, 2, ""}, {{"stray"}, 2, ""}}) {
         ServerProcess p(ServerOptions{.arguments = args});
         p.writeFile("server.log", "untouched\n");
         p.launch();
@@ -85,21 +79,10 @@ TEST(Options, PrintExitOrRefuseBeforeTheLogIsTouchedAndTheDataRootIsEntered) {
         std::string err = p.consoleErrors();
         EXPECT_TRUE(status != 2 || (countOf(err, "\n") == 1 && err.rfind("lockstep-server: ", 0) == 0)) << err;
     }
-
-    // The data root given from elsewhere is entered and gets its tree.
-    ServerProcess server(ServerOptions{.directory = "elsewhere",
-                                       .arguments = {"--data-root", ".."}});
-    ASSERT_TRUE(server.start());
-    EXPECT_NE(server.log().find(": path: ./\n"), std::string::npos) << server.log();
-    EXPECT_TRUE(fs::is_directory(server.root() + "/server_data/update_data"));
-    EXPECT_TRUE(fs::is_directory(server.root() + "/server_data/announcements"));
-    EXPECT_EQ(server.stop(SIGTERM), 0);
-    EXPECT_FALSE(fs::exists(server.root() + "/elsewhere/server.log"));
 }
 
-TEST(Operations, ServiceManagerMetricsAndAnOrderlySigterm) {
+TEST(Operations, DataRootFromElsewhereServiceManagerMetricsAndAnOrderlySigterm) {
     const std::string path = "/tmp/lockstep-notify-" + std::to_string(getpid());
-    unlink(path.c_str());
     int fd = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
     sockaddr_un addr{};
     addr.sun_family = AF_UNIX;
@@ -114,12 +97,18 @@ TEST(Operations, ServiceManagerMetricsAndAnOrderlySigterm) {
     };
 
     const std::uint16_t httpPort = freePort(true);
-    ServerProcess server(ServerOptions{.environment = {"NOTIFY_SOCKET=" + path},
-                                       .arguments = {"--metrics", "127.0.0.1:" + std::to_string(httpPort)}});
+    ServerProcess server(ServerOptions{.directory = "elsewhere", .environment = {"NOTIFY_SOCKET=" + path},
+                                       .arguments = {"--data-root", "..", "--metrics",
+                                                     "127.0.0.1:" + std::to_string(httpPort)}});
     server.launch();
     EXPECT_EQ(notice(), "READY=1");
     EXPECT_TRUE(server.waitForLog("Enet server created at"));  // READY comes once the host is open
     EXPECT_EQ(notice(), "STATUS=0 peers, 0 rooms, 0 matches running");
+    // The data root given from elsewhere is entered and gets its tree.
+    EXPECT_NE(server.log().find(": path: ./\n"), std::string::npos) << server.log();
+    EXPECT_TRUE(std::filesystem::is_directory(server.root() + "/server_data/update_data"));
+    EXPECT_TRUE(std::filesystem::is_directory(server.root() + "/server_data/announcements"));
+    EXPECT_FALSE(std::filesystem::exists(server.root() + "/elsewhere/server.log"));
 
     TestClient a;
     ASSERT_TRUE(a.connect(server.port()));
