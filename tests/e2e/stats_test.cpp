@@ -18,59 +18,45 @@ std::vector<std::string> fakedClock(const std::string& localTime) {
     return {};
 }
 
-std::size_t findLine(const std::vector<std::string>& lines, const std::string& text) {
-    for (std::size_t i = 0; i < lines.size(); ++i)
-        if (lines[i] == ": " + text) return i;
-    return std::string::npos;
-}
-
-// The nine lines of a network report starting at first: {B, R, RP, S, SP}.
-std::vector<std::uint64_t> networkReportAt(const std::vector<std::string>& lines, std::size_t first) {
-    if (first == std::string::npos || first + 9 > lines.size()) return {};
-    std::string text;
-    for (std::size_t i = first; i < first + 9; ++i) text += lines[i] + "\n";
+// Every network report in the log, in order, with the figures of its
+// received bytes, total received bytes and packets, and total sent bytes and
+// packets, and where it starts and ends; the kB and MB figures are checked.
+struct NetworkReport {
+    std::vector<std::uint64_t> figures;
+    std::size_t begin, end;
+};
+std::vector<NetworkReport> networkReports(const std::string& log) {
     static const std::regex shape(
         ": \n: Bytes received: (\\d+), \\((\\d+) kB, (\\d+) MB\\)\n: \n"
         ": Total received: (\\d+), \\((\\d+) kB, (\\d+) MB\\)\n: In (\\d+) packets\n: \n"
         ": Total send: (\\d+), \\((\\d+) kB, (\\d+) MB\\)\n: In (\\d+) packets\n: \n");
-    std::smatch m;
-    if (!std::regex_match(text, m, shape)) {
-        ADD_FAILURE() << text;
-        return {};
+    std::vector<NetworkReport> out;
+    for (std::sregex_iterator it(log.begin(), log.end(), shape), end; it != end; ++it) {
+        auto n = [&](int i) { return std::stoull((*it)[i]); };
+        for (int i : {1, 4, 8}) EXPECT_TRUE(n(i + 1) == n(i) >> 10 && n(i + 2) == n(i) >> 20) << it->str();
+        const auto at = static_cast<std::size_t>(it->position());
+        out.push_back({{n(1), n(4), n(7), n(8), n(11)}, at, at + it->str().size()});
     }
-    auto n = [&](int i) { return std::stoull(m[i]); };
-    for (int i : {1, 4, 8}) {
-        EXPECT_EQ(n(i + 1), n(i) >> 10) << text;
-        EXPECT_EQ(n(i + 2), n(i) >> 20) << text;
-    }
-    return {n(1), n(4), n(7), n(8), n(11)};
+    return out;
 }
 
-const std::vector<std::string> kEmptyBlockTail = {
-    "    Total games: 0, with 0 desyncs", "    Games per dataset:", "    Desyncs per dataset:", "    Gamemodes:",
-    "    Players:", "", "    Average players: 0, with max of 0", "    Average game length: 0s, with max of 0s",
-    "    Average max order delay: 0, with max of 0"};
+const std::vector<std::string> kEmptyBlock = {
+    "Stat dump after *s running:", "    Total games: 0, with 0 desyncs", "    Games per dataset:",
+    "    Desyncs per dataset:", "    Gamemodes:", "    Players:", "", "    Average players: 0, with max of 0",
+    "    Average game length: 0s, with max of 0s", "    Average max order delay: 0, with max of 0"};
 
-// A block's lines after its first, which must read "Stat dump after Ns
-// running:" with N at most maxSeconds.
-std::vector<std::string> blockTail(const std::string& text, int maxSeconds) {
-    auto lines = splitLines(text);
-    if (lines.empty()) return {};
-    std::smatch m;
-    static const std::regex head("Stat dump after (\\d+)s running:");
-    EXPECT_TRUE(std::regex_match(lines[0], m, head) && std::stoi(m[1]) <= maxSeconds) << lines[0];
-    return {lines.begin() + 1, lines.end()};
-}
-
-// Events file lines with each timestamp checked to lie in [low, high] and
+// The lines of a dump file, with each time stamp and the uptime in a
+// statistics head checked to lie within maxSeconds of t0 and of 0, and
 // replaced by "*".
-std::vector<std::string> eventsWithoutTimes(const std::string& text, std::int64_t low, std::int64_t high) {
+std::vector<std::string> masked(const std::string& text, std::int64_t t0, std::int64_t maxSeconds) {
+    static const std::regex number("^(timestamp = |Stat dump after )(\\d+)");
     auto lines = splitLines(text);
-    for (std::size_t i = 7; i < lines.size(); i += 8) {
-        std::int64_t t = std::stoll(lines[i].substr(12));
-        EXPECT_EQ(lines[i], "timestamp = " + std::to_string(t));
-        EXPECT_TRUE(t >= low && t <= high) << t;
-        lines[i] = "timestamp = *";
+    for (auto& line : lines) {
+        std::smatch m;
+        if (!std::regex_search(line, m, number)) continue;
+        const std::int64_t n = std::stoll(m[2]) - (m[1] == "timestamp = " ? t0 : 0);
+        EXPECT_TRUE(n >= 0 && n <= maxSeconds) << line;
+        line = m[1].str() + "*" + m.suffix().str();
     }
     return lines;
 }
@@ -89,11 +75,11 @@ TEST(StatsBinary, PeriodicAndKeyDumpsOfAFinishedMatchUnderAFakedClockAndTheClose
     ASSERT_TRUE(server.waitForLog(": Dumping stats to 126_03_05\n: Dumped stats to ./" + day + ".serverstats\n"
                                   ": Dumped events to ./" + day + ".events\n"))
         << server.log();
-    EXPECT_EQ(eventsWithoutTimes(server.readFile(day + ".events"), t0, t0 + 5),
+    EXPECT_EQ(masked(server.readFile(day + ".events"), t0, 5),
               (std::vector<std::string>{"eventIndex = 0", "type = 2", "playerName = __SERVER__", "sourceIP = 0",
                                         "dataset = ", "datasetChecksum = 0", "additionalEventData = ",
                                         "timestamp = *"}));
-    EXPECT_EQ(blockTail(server.readFile(day + ".serverstats"), 5), kEmptyBlockTail);
+    EXPECT_EQ(masked(server.readFile(day + ".serverstats"), t0, 5), kEmptyBlock);
 
     // Ann reports an event and plays one minute (step 1200) with bob.
     TestClient a, b;
@@ -113,27 +99,27 @@ TEST(StatsBinary, PeriodicAndKeyDumpsOfAFinishedMatchUnderAFakedClockAndTheClose
     // The room's deletion folded the match into the statistics.
     server.sendKeys("d");
     ASSERT_TRUE(server.waitForLog("Dumped events to ./server_data/stats/keypress_dump.events"));
-    EXPECT_EQ(eventsWithoutTimes(server.readFile("server_data/stats/keypress_dump.events"), t0, t0 + 60),
+    EXPECT_EQ(masked(server.readFile("server_data/stats/keypress_dump.events"), t0, 60),
               (std::vector<std::string>{"eventIndex = 0", "type = 55", "playerName = Ann", "sourceIP = 16777343",
                                         "dataset = base set", "datasetChecksum = 4000000000",
                                         "additionalEventData = menu", "timestamp = *"}));
-    EXPECT_EQ(blockTail(server.readFile("server_data/stats/keypress_dump.serverstats"), 60),
-              (std::vector<std::string>{"    Total games: 1, with 0 desyncs", "    Games per dataset:",
-                                        "        base(1234) -> 1", "    Desyncs per dataset:", "    Gamemodes:",
-                                        "        0 -> 1", "    Players:", "        Ann -> 1", "        bob -> 1", "",
-                                        "    Average players: 2, with max of 2",
+    EXPECT_EQ(masked(server.readFile("server_data/stats/keypress_dump.serverstats"), t0, 60),
+              (std::vector<std::string>{"Stat dump after *s running:", "    Total games: 1, with 0 desyncs",
+                                        "    Games per dataset:", "        base(1234) -> 1", "    Desyncs per dataset:",
+                                        "    Gamemodes:", "        0 -> 1", "    Players:", "        Ann -> 1",
+                                        "        bob -> 1", "", "    Average players: 2, with max of 2",
                                         "    Average game length: 1m 0s, with max of 1m 0s",
                                         "    Average max order delay: 0, with max of 0"}));
 
     // The close dump goes to the working directory, after the network report.
     EXPECT_EQ(server.stop(), 0);
-    auto lines = splitLines(server.log());
-    std::size_t closeLine = findLine(lines, "Dumped stats to close.serverstats");
-    ASSERT_TRUE(closeLine != std::string::npos && closeLine >= 9) << server.log();
-    EXPECT_EQ(networkReportAt(lines, closeLine - 9).size(), 5u);
-    EXPECT_EQ(lines[closeLine + 1], ": Enet server destroyed");
-    EXPECT_EQ(blockTail(server.readFile("close.serverstats"), 60), kEmptyBlockTail);
-    EXPECT_EQ(countOf(server.log(), "Dumping stats to "), 2u);
+    const std::string log = server.log();
+    auto reports = networkReports(log);
+    ASSERT_EQ(reports.size(), 1u) << log;
+    EXPECT_TRUE(log.substr(reports[0].end).starts_with(": Dumped stats to close.serverstats\n: Enet server destroyed\n"))
+        << log;
+    EXPECT_EQ(masked(server.readFile("close.serverstats"), t0, 60), kEmptyBlock);
+    EXPECT_EQ(countOf(log, "Dumping stats to "), 2u);
 }
 
 TEST(StatsBinary, KeysThroughAPipeThatEndsSignalsAndTheNetworkReportAtShutdown) {
@@ -150,44 +136,33 @@ TEST(StatsBinary, KeysThroughAPipeThatEndsSignalsAndTheNetworkReportAtShutdown) 
     ASSERT_TRUE(client.nextOn(1, 3000));
 
     // Other and uppercase keys do nothing, 't' without rooms prints two empty
-    // lines, and the end of the input is no reason to stop.
+    // lines, SIGUSR2 is 'r' then 't', SIGUSR1 is 'd', and the end of the
+    // input is no reason to stop.
     server.sendKeys("xRTDtrr");
     server.closeInput();
     ASSERT_TRUE(server.waitForLog(": In ", 4));
-    auto lines = splitLines(server.log());
-    std::size_t first = findLine(lines, "Bytes received: 3100, (3 kB, 0 MB)");
-    ASSERT_TRUE(first != std::string::npos && first >= 4) << server.log();
-    EXPECT_NE(lines[first - 4], ": ");
-    EXPECT_EQ(lines[first - 3], ": ");
-    EXPECT_EQ(lines[first - 2], ": ");
-    auto one = networkReportAt(lines, first - 1);
-    auto two = networkReportAt(lines, first + 8);
-    ASSERT_EQ(one.size(), 5u);
-    ASSERT_EQ(two.size(), 5u);
-    EXPECT_GT(one[1], 3100u);
-    EXPECT_GE(one[2], 3u);  // the connect and the two packets at least
-    EXPECT_GT(one[3], 0u);
-    for (std::size_t i = 0; i < 5; ++i) EXPECT_GE(two[i], one[i]) << i;
-
-    // SIGUSR2 is 'r' then 't', SIGUSR1 is 'd'.
     kill(server.pid(), SIGUSR2);
     ASSERT_TRUE(server.waitForLog(": In ", 6));
-    lines = splitLines(server.log());
-    ASSERT_GE(lines.size(), first + 28);
-    EXPECT_EQ(networkReportAt(lines, first + 17).size(), 5u) << server.log();
-    EXPECT_EQ(std::vector<std::string>(lines.begin() + first + 26, lines.begin() + first + 28),
-              (std::vector<std::string>{": ", ": "}));
     kill(server.pid(), SIGUSR1);
     ASSERT_TRUE(server.waitForLog(": Dumping stats to keypress_dump\n: Dumped stats to "
                                   "./server_data/stats/keypress_dump.serverstats\n: Dumped events to "
                                   "./server_data/stats/keypress_dump.events\n"));
-    EXPECT_EQ(countOf(server.log(), "Dumping stats to keypress_dump"), 1u);
-
     EXPECT_EQ(server.stop(), 0);
-    lines = splitLines(server.log());
-    std::size_t destroyed = findLine(lines, "Enet server destroyed");
-    ASSERT_TRUE(destroyed != std::string::npos && destroyed >= 9);
-    auto last = networkReportAt(lines, destroyed - 9);
-    ASSERT_EQ(last.size(), 5u);
-    EXPECT_EQ(last[0], 3100u);
+    const std::string log = server.log();
+    EXPECT_EQ(countOf(log, "Dumping stats to keypress_dump"), 1u);
+    auto reports = networkReports(log);
+    ASSERT_EQ(reports.size(), 4u) << log;
+    const std::string beforeKeys = log.substr(0, reports[0].begin);
+    EXPECT_TRUE(beforeKeys.ends_with("\n: \n: \n") && !beforeKeys.ends_with("\n: \n: \n: \n")) << log;
+    EXPECT_EQ(reports[1].begin, reports[0].end);
+    EXPECT_TRUE(log.substr(reports[2].end).starts_with(": \n: \n")) << log;
+    EXPECT_TRUE(log.substr(reports[3].end).starts_with(": Enet server destroyed\n")) << log;
+    // The reports count and never reset.
+    EXPECT_GT(reports[0].figures[1], 3100u);
+    EXPECT_GE(reports[0].figures[2], 3u);  // the connect and the two packets at least
+    EXPECT_GT(reports[0].figures[3], 0u);
+    for (std::size_t r = 0; r < 4; ++r) {
+        EXPECT_EQ(reports[r].figures[0], 3100u);
+        for (std::size_t i = 0; r > 0 && i < 5; ++i) EXPECT_GE(reports[r].figures[i], reports[r - 1].figures[i]);
+    }
 }
