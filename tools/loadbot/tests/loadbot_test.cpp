@@ -9,9 +9,7 @@
 #include "histogram.h"
 #include "support/e2e_support.h"
 
-using e2e::jsonNumber;
-using e2e::jsonText;
-using e2e::words;
+using namespace e2e;
 
 namespace {
 

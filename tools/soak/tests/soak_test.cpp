@@ -33,8 +33,11 @@ TEST(Soak, JunkFromAPlayerIsRefusedWithAnErrorLineEachThenAShortChurnPasses) {
                   countOf(log, "|||| Refused file request ") +
                   countOf(log, "???? server should not be receiving file responses"),
               errors);
-    // The match goes on with both players, and nothing but delay notices
-    // reached the other one.
+    // The match goes on with both players in the one room, and nothing but
+    // delay notices reached the other one.
+    a.send(0, words({10, 1, 0}));
+    EXPECT_EQ(e2e::awaitOn(a, 0, [](const Bytes& m) { return m.size() > 4 && m[0] == 1; }),
+              Writer().u32(1).u32(1).str("").u32(1).u32(2).u32(0).u32(0).u32(4).take());
     a.send(3, words({1, 50, 0}));
     b.send(3, words({1, 50, 1}));
     EXPECT_EQ(b.nextOn(3), words({1, 50, 1}));
