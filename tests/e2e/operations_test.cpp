@@ -84,9 +84,8 @@ TEST(Options, PrintAndExitOrRefuseBeforeTheLogIsTouched) {
 TEST(Operations, DataRootFromElsewhereServiceManagerMetricsAndAnOrderlySigterm) {
     const std::string path = "/tmp/lockstep-notify-" + std::to_string(getpid());
     int fd = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-    sockaddr_un addr{};
-    addr.sun_family = AF_UNIX;
-    std::snprintf(addr.sun_path, sizeof addr.sun_path, "%s", path.c_str());
+    sockaddr_un addr{AF_UNIX, {}};
+    path.copy(addr.sun_path, sizeof addr.sun_path - 1);
     ASSERT_EQ(bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr), 0);
     timeval tv{5, 0};
     setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv);
