@@ -81,12 +81,13 @@ TEST(StatsBinary, PeriodicAndKeyDumpsOfAFinishedMatchUnderAFakedClockAndTheClose
                                         "timestamp = *"}));
     EXPECT_EQ(masked(server.readFile(day + ".serverstats"), t0, 5), kEmptyBlock);
 
-    // Ann reports an event and plays one minute (step 1200) with bob.
+    // Ann reports two events and plays one minute (step 1200) with bob.
     TestClient a, b;
     const std::uint32_t room =
         e2e::startMatch(server.port(), {&a, &b}, {"Ann", "bob"}, e2e::createRoom("Stats room", "base", 1234));
     ASSERT_NE(room, 0u);
-    a.send(5, Writer().u32(1).u32(1).str("Ann").str("base set").u32(4000000000u).u32(55).str("menu").take());
+    for (std::uint32_t type : {55u, 56u})
+        a.send(5, Writer().u32(1).u32(1).str("Ann").str("base set").u32(4000000000u).u32(type).str("menu").take());
     server.sendKeys("t");
     ASSERT_TRUE(server.waitForLog(": Room " + std::to_string(room) + " - Net: 0 - CPU: 0\n"));
     a.send(3, words({1, 1200, 0}));
@@ -102,7 +103,9 @@ TEST(StatsBinary, PeriodicAndKeyDumpsOfAFinishedMatchUnderAFakedClockAndTheClose
     EXPECT_EQ(masked(server.readFile("server_data/stats/keypress_dump.events"), t0, 60),
               (std::vector<std::string>{"eventIndex = 0", "type = 55", "playerName = Ann", "sourceIP = 16777343",
                                         "dataset = base set", "datasetChecksum = 4000000000",
-                                        "additionalEventData = menu", "timestamp = *"}));
+                                        "additionalEventData = menu", "timestamp = *", "eventIndex = 1", "type = 56",
+                                        "playerName = Ann", "sourceIP = 16777343", "dataset = base set",
+                                        "datasetChecksum = 4000000000", "additionalEventData = menu", "timestamp = *"}));
     EXPECT_EQ(masked(server.readFile("server_data/stats/keypress_dump.serverstats"), t0, 60),
               (std::vector<std::string>{"Stat dump after *s running:", "    Total games: 1, with 0 desyncs",
                                         "    Games per dataset:", "        base(1234) -> 1", "    Desyncs per dataset:",
