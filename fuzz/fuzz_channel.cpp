@@ -7,7 +7,7 @@
 #include <cstdint>
 #include <initializer_list>
 
-#include "core/dispatch.h"
+#include "app/service.h"
 #include "fuzz_common.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {

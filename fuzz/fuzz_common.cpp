@@ -5,12 +5,12 @@
 #include <filesystem>
 #include <string>
 
-#include "core/dispatch.h"
-#include "core/peers.h"
-#include "lobby/mtrand.h"
+#include "app/dispatch.h"
+#include "app/peers.h"
+#include "lobby/lobby.h"
 #include "log/log.h"
 #include "platform/clock.h"
-#include "protocol/paths.h"
+#include "platform/files.h"
 #include "protocol/send.h"
 
 namespace {

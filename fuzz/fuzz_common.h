@@ -10,7 +10,7 @@
 
 #include <enet/enet.h>
 
-#include "core/server.h"
+#include "app/server.h"
 #include "protocol/wire.h"
 
 class FuzzServer {

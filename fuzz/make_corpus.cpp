@@ -9,11 +9,7 @@
 #include <string>
 #include <vector>
 
-#include "game/control.h"
-#include "game/order.h"
-#include "lobby/messages.h"
 #include "protocol/messages.h"
-#include "stats/events.h"
 
 namespace fs = std::filesystem;
 
@@ -55,16 +51,16 @@ Bytes setup(std::uint32_t slot, std::uint32_t ready, const std::string& name, st
     s.playerName = name;
     s.clientPairs = {{7, "pair"}};
     s.clientStrings = {"one", "two"};
-    return encodePlayerSetup(s);
+    return encode(s);
 }
 
 Bytes header(std::uint32_t type) { return Writer().u32(type).u32(1).take(); }
 
 // Three players in room 1, all ready, the match running.
 void startMatch(Exchange& e) {
-    e.add(0, 0, CreateRoom{.name = "", .dataset = "data", .datasetChecksum = 77}.encode());
-    e.add(1, 0, JoinRoom{.roomId = 1}.encode());
-    e.add(2, 0, JoinRoom{.roomId = 1}.encode());
+    e.add(0, 0, encode(CreateRoom{.name = "", .dataset = "data", .datasetChecksum = 77}));
+    e.add(1, 0, encode(JoinRoom{.roomId = 1}));
+    e.add(2, 0, encode(JoinRoom{.roomId = 1}));
     e.add(0, 0, setup(0, 1, "ann"));
     e.add(1, 0, setup(1, 1, "bob", 2, 0));
     e.add(2, 0, setup(2, 1, "cy"));
@@ -72,12 +68,14 @@ void startMatch(Exchange& e) {
 }
 
 Bytes order(std::uint32_t step, std::uint32_t argument, std::uint32_t type, bool stepDone) {
+    static const Bytes oneTwoThree = Writer().u32(1).u32(2).u32(3).take();
+    static const Bytes nine = Writer().u32(9).take();
     Order o;
     o.step = step;
     o.argument = argument;
     o.orderType = type;
-    o.firstList = stepDone ? std::vector<std::uint32_t>{0xFFFFFFFFu} : std::vector<std::uint32_t>{1, 2, 3};
-    o.secondList = {9};
+    if (!stepDone) o.firstList = oneTwoThree;
+    o.secondList = nine;
     o.text = "go";
     return serializeOrder(o);
 }
@@ -92,17 +90,17 @@ int main(int argc, char** argv) {
         startMatch(e);
         write(root / "lobby", "match_start", e.bytes);
         Exchange f{{0, 1}};
-        f.add(0, 0, CreateRoom{.name = "Room", .dataset = "d", .datasetChecksum = 1}.encode());
-        f.add(1, 0, RoomListRequest{.roomId = 1}.encode());
-        f.add(1, 0, JoinRoom{.roomId = 1}.encode());
-        f.add(0, 0, SlotState{.slot = 5, .closed = 1}.encode());
-        f.add(0, 0, SetHost{.slot = 1}.encode());
-        f.add(1, 0, Kick{.slot = 0}.encode());
+        f.add(0, 0, encode(CreateRoom{.name = "Room", .dataset = "d", .datasetChecksum = 1}));
+        f.add(1, 0, encode(RoomListRequest{.roomId = 1}));
+        f.add(1, 0, encode(JoinRoom{.roomId = 1}));
+        f.add(0, 0, encode(SlotState{.slot = 5, .closed = 1}));
+        f.add(0, 0, encode(SetHost{.slot = 1}));
+        f.add(1, 0, encode(Kick{.slot = 0}));
         GameSettings g;
         g.mapName = "map";
         g.startLocations = 2;
-        f.add(1, 0, encodeGameSettings(g));
-        f.add(1, 1, encodeText("hello"));
+        f.add(1, 0, encode(g));
+        f.add(1, 1, encode(Text{"hello"}));
         f.add(1, 0, header(4));
         write(root / "lobby", "room_traffic", f.bytes);
     }
@@ -117,7 +115,7 @@ int main(int argc, char** argv) {
         e.add(0, 3, order(4, 111, 901, false));
         e.add(1, 3, order(4, 222, 901, false));
         e.add(2, 3, order(4, 111, 901, false));
-        e.add(0, 2, ResyncReport{.world = ByteView(), .log = ByteView()}.encode());
+        e.add(0, 2, encode(ResyncReport{.world = ByteView(), .log = ByteView()}));
         e.add(1, 2, header(4));
         e.add(2, 2, header(5));
         e.add(2, 2, header(3));
@@ -134,8 +132,8 @@ int main(int argc, char** argv) {
     }
     {
         Exchange e{{5, 6}};
-        e.add(0, 5, TrackEvent{.playerName = "ann", .dataset = "data", .datasetChecksum = 3, .eventType = 101,
-                               .additionalEventData = "x"}.encode());
+        e.add(0, 5, encode(TrackEvent{.playerName = "ann", .dataset = "data", .datasetChecksum = 3, .eventType = 101,
+                               .additionalEventData = "x"}));
         e.add(1, 6, header(1));
         e.add(1, 6, Writer().u32(2).u32(1).str("dir/file.bin").take());
         e.add(2, 6, Writer().u32(2).u32(1).str("../settings/server.config").take());
@@ -150,8 +148,8 @@ int main(int argc, char** argv) {
             s.insert(s.end(), {2, peer, channel, static_cast<std::uint8_t>(b.size())});
             s.insert(s.end(), b.begin(), b.end());
         };
-        packet(0, 0, CreateRoom{.name = "r", .dataset = "d", .datasetChecksum = 1}.encode());
-        packet(1, 0, JoinRoom{.roomId = 1}.encode());
+        packet(0, 0, encode(CreateRoom{.name = "r", .dataset = "d", .datasetChecksum = 1}));
+        packet(1, 0, encode(JoinRoom{.roomId = 1}));
         packet(0, 0, setup(0, 1, "a"));
         packet(1, 0, setup(1, 1, "b"));
         packet(0, 0, header(14));

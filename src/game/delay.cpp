@@ -4,11 +4,7 @@
 
 #include <algorithm>
 
-#include "core/server.h"
-#include "game/control.h"
 #include "game/match.h"
-#include "protocol/paths.h"
-#include "protocol/send.h"
 
 namespace {
 constexpr std::uint32_t kTicksPerPass = 15;
@@ -19,55 +15,48 @@ constexpr std::uint32_t kMaxOrderDelay = 64;
 constexpr std::uint32_t kStepsBeforeLengthening = 100;
 constexpr std::uint32_t kStepMilliseconds = static_cast<std::uint32_t>(STEP_SECONDS * 1000);
 
-std::uint32_t largestRoundTripTime(const Room& room) {
+std::uint32_t largestRoundTripTime(const SeatPeers& seats) {
     std::uint32_t rtt = 0;
-    for (const Slot& slot : room.slots)
-        if (slot.peer != nullptr) rtt = std::max(rtt, peerRoundTripTime(slot.peer));
+    for (const ENetPeer* peer : seats)
+        if (peer != nullptr) rtt = std::max(rtt, peerRoundTripTime(peer));
     return rtt;
 }
 
-void sendDelayNotice(const Room& room, MatchControlType type) {
-    sendToOccupiedSlots(room, kMatchControlChannel, DelayNotice{.type = type}.encode());
-}
-
-void decide(Room& room) {
-    room.delayCooldown = kPassesPerDecision;
-    if (room.lagReports == 0) {
+void decide(Match& match, const SeatPeers& seats) {
+    match.delayCooldown = kPassesPerDecision;
+    if (match.lagReports == 0) {
         // In unsigned 32-bit arithmetic, like the delay itself.
-        std::uint32_t rtt = largestRoundTripTime(room);
-        if (2u * rtt < kStepMilliseconds * room.orderDelay) {
+        std::uint32_t rtt = largestRoundTripTime(seats);
+        if (2u * rtt < kStepMilliseconds * match.orderDelay) {
             // Sent even when the delay already is at its minimum.
-            sendDelayNotice(room, kDelayDecrease);
-            room.orderDelay = room.orderDelay > kMinOrderDelay ? room.orderDelay - 1 : kMinOrderDelay;
-            room.delayCooldown = kPassesPerDecision;
+            sendToSeated(seats, kMatchControlChannel, encode(DelayDecrease{}));
+            match.orderDelay = match.orderDelay > kMinOrderDelay ? match.orderDelay - 1 : kMinOrderDelay;
+            match.delayCooldown = kPassesPerDecision;
         }
     }
-    if (room.lagReports != 0 && room.delayHold == 0 && room.lastCompletedStep > kStepsBeforeLengthening) {
-        sendDelayNotice(room, kDelayIncrease);
-        room.lagReports = 0;
-        room.orderDelay = std::min(room.orderDelay + 1, kMaxOrderDelay);
-        room.delayCooldown = kPassesPerDecision;
-        room.maxOrderDelay = std::max(room.maxOrderDelay, room.orderDelay);
+    if (match.lagReports != 0 && match.delayHold == 0 && match.lastCompletedStep > kStepsBeforeLengthening) {
+        sendToSeated(seats, kMatchControlChannel, encode(DelayIncrease{}));
+        match.lagReports = 0;
+        match.orderDelay = std::min(match.orderDelay + 1, kMaxOrderDelay);
+        match.delayCooldown = kPassesPerDecision;
+        match.maxOrderDelay = std::max(match.maxOrderDelay, match.orderDelay);
     }
 }
 
-void pass(Room& room) {
-    if (room.delayCooldown > 0)
-        --room.delayCooldown;
+void pass(Match& match, const SeatPeers& seats) {
+    if (match.delayCooldown > 0)
+        --match.delayCooldown;
     else
-        decide(room);
-    if (room.delayHold > 0) --room.delayHold;
-    if (room.lagReports > 0) --room.lagReports;
-    room.delayTicks = 0;
+        decide(match, seats);
+    if (match.delayHold > 0) --match.delayHold;
+    if (match.lagReports > 0) --match.lagReports;
+    match.delayTicks = 0;
 }
 }  // namespace
 
 std::uint32_t peerRoundTripTime(const ENetPeer* peer) { return peer->roundTripTime; }
 
-void adaptOrderDelay(Server& server) {
-    for (auto& [id, room] : server.rooms) {
-        if (!room->running) continue;
-        if (room->delayTicks >= kTicksPerPass) pass(*room);
-        ++room->delayTicks;
-    }
+void adaptOrderDelay(Match& match, const SeatPeers& seats) {
+    if (match.delayTicks >= kTicksPerPass) pass(match, seats);
+    ++match.delayTicks;
 }

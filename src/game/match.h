@@ -1,30 +1,84 @@
 #pragma once
-// The match relay: orders, step completion, the order-delay controller and
-// match control messages.
+// A room's match and the relay that works on it: orders, step completion,
+// the order-delay controller, checksums, desyncs and resync. The relay knows
+// a room only as its seats (and its ID, for the log and the evidence files).
 
+#include <array>
 #include <cstdint>
+#include <map>
+#include <string>
+#include <vector>
 
 #include <enet/enet.h>
 
-#include "protocol/wire.h"
+#include "protocol/messages.h"
+#include "protocol/send.h"
 
-struct Server;
-struct Room;
+// One simulation step lasts 1/20 s.
+inline constexpr double STEP_SECONDS = 1.0 / 20.0;
 
-// Every packet on the order channel from a registered peer.
-void handleOrder(Server& server, ENetPeer* peer, ByteView packet);
-// Every packet on the match control channel from a registered peer.
-void handleMatchControl(Server& server, ENetPeer* peer, ByteView packet);
+// Caps of the two counters that DelayHold and DelayRequest raise.
+inline constexpr std::int32_t kMaxDelayHold = 24;
+inline constexpr std::int32_t kMaxLagReports = 24;
+
+using SlotFlags = std::array<bool, kSlotCount>;
+
+struct ChecksumRecord {
+    std::uint32_t step = 0;
+    std::array<std::uint32_t, kSlotCount> checksums{};
+};
+
+struct Seating {
+    std::uint32_t roomId = 0;
+    SeatPeers peers{};
+};
+
+// Lives as long as its room: orders are handled in a room before its match
+// runs too, and nothing of it is reset at the start.
+struct Match {
+    std::uint32_t resyncStep = 0xFFFFFFFFu;  // orders for later steps are dropped
+    std::uint32_t desyncCount = 0;
+    std::uint32_t lastCompletedStep = 0;
+    std::uint32_t maxOrderDelay = 0;
+    std::uint32_t delayCooldown = 40;
+    std::uint32_t delayTicks = 0;
+    std::int32_t lagReports = 0;
+    std::int32_t delayHold = 0;
+    std::uint32_t orderDelay = 2;
+    std::map<std::uint32_t, SlotFlags> stepReports;
+    // When each pending step got its first report; kept only while the
+    // metrics endpoint is on.
+    std::map<std::uint32_t, std::uint64_t> stepFirstReportMicros;
+    std::vector<ChecksumRecord> checksumRecords;
+    SlotFlags resyncPending{};
+};
+
+// ---- Relay (relay.cpp) ----
+// An order from the peer in senderSlot; packet is the order as it came.
+void handleOrder(Match& match, const Seating& seating, std::uint32_t senderSlot, const Order& order,
+                 ByteView packet);
 // Records that slot finished step; announces the step to every occupied slot
 // once all of them have. Slots outside 0..7 are ignored.
-void markStepDone(Room& room, std::int32_t slot, std::uint32_t step);
+void markStepDone(Match& match, const SeatPeers& seats, std::int32_t slot, std::uint32_t step);
 // True when step has reports and every occupied slot has reported it.
-bool isStepComplete(const Room& room, std::uint32_t step);
-// Once per service step: the order-delay controller of every running room.
-void adaptOrderDelay(Server& server);
+bool isStepComplete(const Match& match, const SeatPeers& seats, std::uint32_t step);
+void holdDelay(Match& match);
+void requestLongerDelay(Match& match);
+
+// ---- Order delay (delay.cpp) ----
+// Once per room work for a running match.
+void adaptOrderDelay(Match& match, const SeatPeers& seats);
 // The controller's view of a peer's round-trip time in milliseconds.
 std::uint32_t peerRoundTripTime(const ENetPeer* peer);
 
-// The bytes, as one shared packet, to every slot of the room whose peer is
-// set (except one peer, when given), in slot order.
-void sendToOccupiedSlots(const Room& room, std::uint8_t channel, ByteView bytes, const ENetPeer* except = nullptr);
+// ---- Checksums and resync (checksum.cpp) ----
+void handleChecksum(Match& match, const Seating& seating, std::uint32_t slot, std::uint32_t step,
+                    std::uint32_t checksum);
+// Logs, tells the players, stops orders beyond the next step and sends the
+// resync order.
+void declareDesync(Match& match, const Seating& seating, std::uint32_t step);
+// Evidence files, then completion of the resync; packet is the report as it came.
+void handleResyncReport(Match& match, const Seating& seating, std::uint32_t slot, const ResyncReport& report,
+                        ByteView packet);
+// Data root + "server_data/resyncs/room<id>_desync<count>_peer<slot>".
+std::string evidenceBaseName(std::uint32_t roomId, std::uint32_t desyncCount, std::size_t slot);

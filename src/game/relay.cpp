@@ -1,69 +1,50 @@
-#include "core/metrics.h"
-#include "core/server.h"
-#include "game/checksum.h"
+#include <algorithm>
+
 #include "game/match.h"
-#include "game/order.h"
-#include "log/log.h"
-#include "protocol/messages.h"
-#include "protocol/send.h"
+#include "log/metrics.h"
 
-void sendToOccupiedSlots(const Room& room, std::uint8_t channel, ByteView bytes, const ENetPeer* except) {
-    ENetPeer* targets[kSlotCount];
-    std::size_t n = 0;
-    for (const Slot& slot : room.slots)
-        if (slot.peer != nullptr && slot.peer != except) targets[n++] = slot.peer;
-    sendBytesToMany(targets, n, channel, bytes);
-}
-
-void handleOrder(Server& server, ENetPeer* peer, ByteView packet) {
-    // A peer holds a slot in one room at most, so its room is the only one
-    // that can act on its order.
-    Room* room = findPeerRoom(server, peer);
-    if (room == nullptr) return;
-    // Checked only for a member: a non-member's order is ignored without a
-    // word, well-formed or not.
-    std::optional<OrderSummary> order = inspectOrder(packet);
-    if (!order) {
-        logMalformed("order", kOrderChannel, packet.size());
-        return;
-    }
-    if (order->step > room->resyncStep) return;
-    if (order->orderType == kChecksumOrderType) {
-        handleChecksum(server, peer, order->step, order->argument);
-    } else if (order->stepDone) {
+void handleOrder(Match& match, const Seating& seating, std::uint32_t senderSlot, const Order& order,
+                 ByteView packet) {
+    if (order.step > match.resyncStep) return;
+    if (order.orderType == kChecksumOrderType) {
+        handleChecksum(match, seating, senderSlot, order.step, order.argument);
+    } else if (isStepDoneOrder(order)) {
         // The slot the order names, which need not be the sender's.
-        markStepDone(*room, static_cast<std::int32_t>(order->argument), order->step);
+        markStepDone(match, seating.peers, static_cast<std::int32_t>(order.argument), order.step);
     } else {
         // The bytes as they came, never re-encoded.
-        sendToOccupiedSlots(*room, kOrderChannel, packet, peer);
+        sendToSeated(seating.peers, kOrderChannel, packet, seating.peers[senderSlot]);
     }
 }
 
-bool isStepComplete(const Room& room, std::uint32_t step) {
-    auto it = room.stepReports.find(step);
-    if (it == room.stepReports.end()) return false;
+bool isStepComplete(const Match& match, const SeatPeers& seats, std::uint32_t step) {
+    auto it = match.stepReports.find(step);
+    if (it == match.stepReports.end()) return false;
     for (std::size_t i = 0; i < kSlotCount; ++i)
-        if (room.slots[i].peer != nullptr && !it->second[i]) return false;
+        if (seats[i] != nullptr && !it->second[i]) return false;
     return true;
 }
 
-void markStepDone(Room& room, std::int32_t slot, std::uint32_t step) {
+void markStepDone(Match& match, const SeatPeers& seats, std::int32_t slot, std::uint32_t step) {
     if (slot < 0 || slot >= static_cast<std::int32_t>(kSlotCount)) return;
-    auto [entry, fresh] = room.stepReports.try_emplace(step);  // a new entry starts all clear
+    auto [entry, fresh] = match.stepReports.try_emplace(step);  // a new entry starts all clear
     entry->second[static_cast<std::size_t>(slot)] = true;
-    if (fresh && stepTimingEnabled()) room.stepFirstReportMicros[step] = monotonicMicros();
-    if (!isStepComplete(room, step)) return;
+    if (fresh && stepTimingEnabled()) match.stepFirstReportMicros[step] = monotonicMicros();
+    if (!isStepComplete(match, seats, step)) return;
 
     Order notice;
     notice.step = step;
     notice.argument = static_cast<std::uint32_t>(slot);
-    notice.firstList = {kStepDoneMark};
-    sendToOccupiedSlots(room, kOrderChannel, serializeOrder(notice));
-    room.stepReports.erase(step);
-    room.lastCompletedStep = step;  // the step just completed, even when a later one came first
+    sendToSeated(seats, kOrderChannel, serializeOrder(notice));
+    match.stepReports.erase(step);
+    match.lastCompletedStep = step;  // the step just completed, even when a later one came first
     metrics().stepsCompleted.fetch_add(1, std::memory_order_relaxed);
-    if (auto first = room.stepFirstReportMicros.find(step); first != room.stepFirstReportMicros.end()) {
+    if (auto first = match.stepFirstReportMicros.find(step); first != match.stepFirstReportMicros.end()) {
         observeStepCompletion(static_cast<double>(monotonicMicros() - first->second) / 1e6);
-        room.stepFirstReportMicros.erase(first);
+        match.stepFirstReportMicros.erase(first);
     }
 }
+
+void holdDelay(Match& match) { match.delayHold = std::min(match.delayHold + 2, kMaxDelayHold); }
+
+void requestLongerDelay(Match& match) { match.lagReports = std::min(match.lagReports + 1, kMaxLagReports); }

@@ -1,65 +1,66 @@
 #pragma once
-// Lobby: the room registry, joining and leaving, readiness and the start.
+// The lobby: creating rooms, the room list, joining and leaving, the host
+// role, player setups, readiness and the start. Every change is followed by
+// the messages that bring each human's view of the room up to date, in the
+// order clients expect them.
 
-#include <cstddef>
 #include <cstdint>
+#include <memory>
+#include <random>
+#include <set>
 #include <string>
 #include <vector>
 
 #include <enet/enet.h>
 
-#include "protocol/wire.h"
+#include "lobby/room.h"
 
-struct Server;
-struct Room;
-struct PlayerSetup;
+// The bytes to every human of the room (except one peer, when given).
+void sendToHumans(const Room& room, std::uint8_t channel, ByteView bytes, const ENetPeer* except = nullptr);
 
-// Every packet on the lobby channel from a registered peer.
-void handleLobbyMessage(Server& server, ENetPeer* peer, ByteView packet);
-// Takes the peer out of its room, if it is in one.
-void leaveRoom(Server& server, ENetPeer* peer, bool disconnected);
-// Once per service step: deletes at most one room without humans.
-void deleteEmptyRoom(Server& server);
-// Once per service step: the start check of every room.
-void checkRoomStarts(Server& server);
-
-// ---- Registry (rooms.cpp) ----
-void createRoom(Server& server, ENetPeer* peer, const std::string& name, const std::string& dataset,
-                std::uint32_t datasetChecksum);
+// ---- Rooms (rooms.cpp) ----
+void createRoom(RoomRegistry& rooms, ENetPeer* peer, const CreateRoom& request);
+// The status line of the room list: rooms, players in and out of them.
+ServerStatus serverStatus(const RoomRegistry& rooms, const std::string& description, std::size_t peerCount);
 // The status, one entry per room, and the details of the room with roomId.
-void sendRoomList(Server& server, ENetPeer* peer, std::uint32_t roomId);
-void updateGameSettings(Server& server, ENetPeer* peer, ByteView packet);
+void sendRoomList(const RoomRegistry& rooms, const ServerStatus& status, ENetPeer* peer, std::uint32_t roomId);
+void updateGameSettings(RoomRegistry& rooms, ENetPeer* peer, GameSettings settings);
+// The text to every registered peer that shares the sender's room (or, for a
+// sender in no room, to every peer in no room), the sender included, in the
+// order of the peer registry.
+void relayText(const RoomRegistry& rooms, const std::set<ENetPeer*>& peers, ENetPeer* sender,
+               const std::string& text);
+// Takes the first room without humans out of the registry (logged), or
+// returns nullptr.
+std::unique_ptr<Room> deleteEmptyRoom(RoomRegistry& rooms);
+// What every new room starts with: 8 start locations, everything else 0.
+GameSettings defaultGameSettings();
 
 // ---- Membership (membership.cpp) ----
-void joinRoom(Server& server, ENetPeer* peer, std::uint32_t roomId);
+void joinRoom(RoomRegistry& rooms, ENetPeer* peer, std::uint32_t roomId);
+// Takes the peer out of its room, if it is in one.
+void leaveRoom(RoomRegistry& rooms, ENetPeer* peer, bool disconnected);
 void setHost(Room& room, ENetPeer* newHost);
-void requestHost(Server& server, ENetPeer* peer, std::uint32_t slot);
-void kickPlayer(Server& server, ENetPeer* peer, std::uint32_t slot);
-void changeSlotState(Server& server, ENetPeer* peer, std::uint32_t slot, std::uint32_t closed, ByteView packet);
-void updatePlayerSetup(Server& server, ENetPeer* peer, ByteView packet);
-// The lowest free slot of a join (no peer, no record, not closed), or -1.
-int findFreeSlot(const Room& room);
-// Would this record clash with the tag or start location of a human in
-// another slot?
-bool setupConflicts(const Room& room, const PlayerSetup& setup);
+void requestHost(RoomRegistry& rooms, ENetPeer* peer, std::uint32_t slot);
+void kickPlayer(RoomRegistry& rooms, ENetPeer* peer, std::uint32_t slot);
+// packet is the SlotState as it came: it is what the humans get.
+void changeSlotState(RoomRegistry& rooms, ENetPeer* peer, const SlotState& state, ByteView packet);
+void updatePlayerSetup(RoomRegistry& rooms, ENetPeer* peer, PlayerSetup setup);
+// The record of a slot a human has just taken or just left.
+std::unique_ptr<PlayerSetup> freshPlayerSetup(std::uint32_t slot);
+// Re-encodes a record the server changed; its second header word becomes 1.
+void rebuildPlayerSetup(PlayerSetup& setup);
 
 // ---- Start (start.cpp) ----
-void requestStart(Server& server, ENetPeer* peer);
-// n distinct numbers 0..n-1 (n >= 1) in an order drawn from the global
-// generator (inside-out Fisher-Yates).
+void requestStart(RoomRegistry& rooms, ENetPeer* peer);
+// Once per room work: the start check of every room.
+void checkRoomStarts(RoomRegistry& rooms);
+// The process-wide generator, seeded with 0 so that every run draws the same
+// tags and start locations.
+std::mt19937& globalGenerator();
+void resetGlobalGenerator();
+// n distinct numbers 0..n-1 in an order drawn from the global generator
+// (inside-out Fisher-Yates).
 std::vector<std::uint32_t> shufflePermutation(std::uint32_t n);
 // Fills in missing tags and start locations of every record of the room.
 void assignTagsAndLocations(Room& room);
-// Moves humans forward into empty slots; records without a peer stay put.
-void compactSlots(Room& room);
-
-// ---- Recipients (shared by the lobby files) ----
-// The peers of the room's human slots in slot order, optionally without one.
-struct Humans {
-    ENetPeer* peers[8];
-    std::size_t count = 0;
-};
-Humans humansOf(const Room& room, const ENetPeer* except = nullptr);
-void sendToHumans(const Room& room, std::uint8_t channel, ByteView bytes, const ENetPeer* except = nullptr);
-// The slot index whose peer is this one, or -1.
-int slotOfPeer(const Room& room, const ENetPeer* peer);

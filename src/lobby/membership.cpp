@@ -2,31 +2,25 @@
 // players' setups. Every change is followed by the messages that bring each
 // human's view of the room up to date, in the order clients expect them.
 
-#include "core/server.h"
-#include "game/match.h"
 #include "lobby/lobby.h"
-#include "lobby/messages.h"
 #include "log/log.h"
-#include "protocol/messages.h"
-#include "protocol/send.h"
 
 namespace {
 
-void refuseJoin(ENetPeer* peer, const std::string& text) { sendBytes(peer, kTextChannel, encodeText(text)); }
+void refuseJoin(ENetPeer* peer, const std::string& text) { sendBytes(peer, kTextChannel, encode(Text{text})); }
 
 Bytes slotStateOf(const Room& room, std::uint32_t slot) {
     SlotState state;
     state.slot = slot;
     state.closed = room.closed[slot] ? 1 : 0;
-    return state.encode();
+    return encode(state);
 }
 
 std::string roomCountLine(const char* what, const Room& room) {
     return std::string(what) + std::to_string(room.id) + " Peers in room: " + std::to_string(humanCount(room));
 }
 
-}  // namespace
-
+// The lowest free slot of a join (no peer, no record, not closed), or -1.
 int findFreeSlot(const Room& room) {
     for (std::size_t i = 0; i < kSlotCount; ++i) {
         const Slot& slot = room.slots[i];
@@ -35,13 +29,45 @@ int findFreeSlot(const Room& room) {
     return -1;
 }
 
-void joinRoom(Server& server, ENetPeer* peer, std::uint32_t roomId) {
-    if (peer == nullptr || server.peers.count(peer) == 0) return;
-    if (findPeerRoom(server, peer) != nullptr) return;
+// Would this record clash with the tag or start location of a human in
+// another slot?
+bool setupConflicts(const Room& room, const PlayerSetup& setup) {
+    for (std::uint32_t j = 0; j < kSlotCount; ++j) {
+        if (j == setup.slot) continue;
+        const Slot& other = room.slots[j];
+        if (other.peer == nullptr || other.info == nullptr) continue;
+        if (setup.playerTag != 0 && other.info->playerTag == setup.playerTag) return true;
+        if (setup.startLocation != 0 && other.info->startLocation == setup.startLocation) return true;
+    }
+    return false;
+}
 
-    auto found = server.rooms.find(roomId);
-    if (found == server.rooms.end()) return refuseJoin(peer, "Cannot join: room does no longer exist!");
-    Room& room = *found->second;
+// The peer's room when the peer is its host, else nullptr.
+Room* hostedRoom(const RoomRegistry& rooms, const ENetPeer* peer) {
+    Room* room = roomOf(rooms, peer);
+    return room != nullptr && room->slots[room->hostSlot].peer == peer ? room : nullptr;
+}
+
+}  // namespace
+
+void rebuildPlayerSetup(PlayerSetup& setup) {
+    setup.secondWord = 1;
+    setup.bytes = encode(setup);
+}
+
+std::unique_ptr<PlayerSetup> freshPlayerSetup(std::uint32_t slot) {
+    auto setup = std::make_unique<PlayerSetup>();
+    setup->slot = slot;
+    rebuildPlayerSetup(*setup);
+    return setup;
+}
+
+void joinRoom(RoomRegistry& rooms, ENetPeer* peer, std::uint32_t roomId) {
+    if (roomOf(rooms, peer) != nullptr) return;
+
+    Room* found = findRoom(rooms, roomId);
+    if (found == nullptr) return refuseJoin(peer, "Cannot join: room does no longer exist!");
+    Room& room = *found;
     if (!room.open) return refuseJoin(peer, "Cannot join: game has already started!");
     if (humanCount(room) >= capacity(room)) return refuseJoin(peer, "Cannot join: room is already full!");
     // Players without a connection can fill the open slots below capacity.
@@ -49,10 +75,10 @@ void joinRoom(Server& server, ENetPeer* peer, std::uint32_t roomId) {
     if (free < 0) return refuseJoin(peer, "Cannot join: room is already full!");
     auto index = static_cast<std::uint32_t>(free);
 
-    room.slots[index].peer = peer;
+    seat(rooms, room, index, peer);
     room.slots[index].info = freshPlayerSetup(index);
 
-    sendBytes(peer, kLobbyChannel, JoinAccepted{1, index, room.id}.encode());
+    sendBytes(peer, kLobbyChannel, encode(JoinAccepted{1, index, room.id}));
     for (std::uint32_t i = 0; i < kSlotCount; ++i) {
         const Slot& slot = room.slots[i];
         if (slot.info != nullptr)
@@ -66,27 +92,27 @@ void joinRoom(Server& server, ENetPeer* peer, std::uint32_t roomId) {
     logMessage(roomCountLine("Joined room ", room));
 }
 
-void leaveRoom(Server& server, ENetPeer* peer, bool disconnected) {
-    if (peer == nullptr) return;
-    Room* found = findPeerRoom(server, peer);
-    if (found == nullptr) return;
-    Room& room = *found;
-    auto index = static_cast<std::uint32_t>(slotOfPeer(room, peer));
+void leaveRoom(RoomRegistry& rooms, ENetPeer* peer, bool disconnected) {
+    const Seat* seated = seatOf(rooms, peer);
+    if (seated == nullptr) return;
+    Room& room = *seated->room;
+    const std::uint32_t index = seated->slot;
     Slot& slot = room.slots[index];
 
     if (room.running) {
         // markStepDone may complete and erase entries, so walk a copy of the
         // keys. The leaver still stands in its slot while this runs.
         std::vector<std::uint32_t> steps;
-        for (const auto& [step, flags] : room.stepReports) steps.push_back(step);
-        for (std::uint32_t step : steps) markStepDone(room, static_cast<std::int32_t>(index), step);
+        for (const auto& [step, flags] : room.match.stepReports) steps.push_back(step);
+        const SeatPeers seats = seatPeers(room);
+        for (std::uint32_t step : steps) markStepDone(room.match, seats, static_cast<std::int32_t>(index), step);
 
-        sendToHumans(room, kMatchControlChannel, PlayerLeftMatch{1, index}.encode());
+        sendToHumans(room, kMatchControlChannel, encode(PlayerLeftMatch{1, index}));
         std::string name = slot.info ? slot.info->playerName : std::string();
-        sendTextToRoom(room, name + (disconnected ? " has been disconnected from server" : " has left the game"));
+        sendTextToSeated(seats, name + (disconnected ? " has been disconnected from server" : " has left the game"));
     }
 
-    slot.peer = nullptr;
+    unseat(rooms, room, index);
     slot.info.reset();
 
     sendToHumans(room, kLobbyChannel, freshPlayerSetup(index)->bytes);
@@ -105,10 +131,12 @@ void leaveRoom(Server& server, ENetPeer* peer, bool disconnected) {
 
 void setHost(Room& room, ENetPeer* newHost) {
     // The old host is told even when it is also the new one.
-    if (ENetPeer* old = room.slots[room.hostSlot].peer) sendBytes(old, kLobbyChannel, HostStatus{1, 0}.encode());
-    int index = newHost != nullptr ? slotOfPeer(room, newHost) : -1;
+    if (ENetPeer* old = room.slots[room.hostSlot].peer) sendBytes(old, kLobbyChannel, encode(HostStatus{1, 0}));
+    int index = -1;
+    for (std::size_t i = 0; i < kSlotCount && newHost != nullptr && index < 0; ++i)
+        if (room.slots[i].peer == newHost) index = static_cast<int>(i);
     if (index < 0) return;
-    sendBytes(newHost, kLobbyChannel, HostStatus{1, 1}.encode());
+    sendBytes(newHost, kLobbyChannel, encode(HostStatus{1, 1}));
 
     Slot& slot = room.slots[index];
     if (slot.info == nullptr) slot.info = freshPlayerSetup(static_cast<std::uint32_t>(index));
@@ -118,74 +146,52 @@ void setHost(Room& room, ENetPeer* newHost) {
     room.hostSlot = static_cast<std::uint32_t>(index);
 }
 
-void requestHost(Server& server, ENetPeer* peer, std::uint32_t slot) {
-    Room* room = peer != nullptr ? findPeerRoom(server, peer) : nullptr;
+void requestHost(RoomRegistry& rooms, ENetPeer* peer, std::uint32_t slot) {
+    Room* room = roomOf(rooms, peer);
     if (room == nullptr) return;
     // Any member may hand the role on; only a slot with a human can take it.
     if (ENetPeer* target = room->slots[slot].peer) setHost(*room, target);
 }
 
-void kickPlayer(Server& server, ENetPeer* peer, std::uint32_t slot) {
-    Room* room = peer != nullptr ? findPeerRoom(server, peer) : nullptr;
-    if (room == nullptr || room->slots[room->hostSlot].peer != peer) return;
+void kickPlayer(RoomRegistry& rooms, ENetPeer* peer, std::uint32_t slot) {
+    Room* room = hostedRoom(rooms, peer);
+    if (room == nullptr) return;
     ENetPeer* kicked = room->slots[slot].peer;
     if (kicked == nullptr) return;
     const PlayerSetup* info = room->slots[slot].info.get();
     std::string name = info ? info->playerName : std::string();
 
-    sendBytes(kicked, kLobbyChannel, Kicked{}.encode());
-    sendTextToRoom(*room, name + " has been kicked by host");
-    leaveRoom(server, kicked, false);
+    sendBytes(kicked, kLobbyChannel, encode(Kicked{}));
+    sendTextToSeated(seatPeers(*room), name + " has been kicked by host");
+    leaveRoom(rooms, kicked, false);
 }
 
-void changeSlotState(Server& server, ENetPeer* peer, std::uint32_t slot, std::uint32_t closed, ByteView packet) {
-    Room* room = peer != nullptr ? findPeerRoom(server, peer) : nullptr;
-    if (room == nullptr || room->slots[room->hostSlot].peer != peer) return;
-    if (room->slots[slot].peer != nullptr) return;
-    room->closed[slot] = closed != 0;
+void changeSlotState(RoomRegistry& rooms, ENetPeer* peer, const SlotState& state, ByteView packet) {
+    Room* room = hostedRoom(rooms, peer);
+    if (room == nullptr) return;
+    if (room->slots[state.slot].peer != nullptr) return;
+    room->closed[state.slot] = state.closed != 0;
     // Opening or closing a slot removes a player without a connection.
-    room->slots[slot].info.reset();
+    room->slots[state.slot].info.reset();
     sendToHumans(*room, kLobbyChannel, packet);
 }
 
-bool setupConflicts(const Room& room, const PlayerSetup& setup) {
-    for (std::uint32_t j = 0; j < kSlotCount; ++j) {
-        if (j == setup.slot) continue;
-        const Slot& other = room.slots[j];
-        if (other.peer == nullptr || other.info == nullptr) continue;
-        if (setup.playerTag != 0 && other.info->playerTag == setup.playerTag) return true;
-        if (setup.startLocation != 0 && other.info->startLocation == setup.startLocation) return true;
-    }
-    return false;
-}
-
-void updatePlayerSetup(Server& server, ENetPeer* peer, ByteView packet) {
-    auto setup = decodePlayerSetup(packet);
-    if (!setup) {
-        logMalformed("PlayerSetup", kLobbyChannel, packet.size());
-        return;
-    }
-    // Only slots 0..7 exist; a record for a larger index is dropped and
-    // logged like one that does not decode.
-    if (setup->slot >= kSlotCount) {
-        logMalformed("PlayerSetup", kLobbyChannel, packet.size());
-        return;
-    }
-    Room* room = peer != nullptr ? findPeerRoom(server, peer) : nullptr;
+void updatePlayerSetup(RoomRegistry& rooms, ENetPeer* peer, PlayerSetup setup) {
+    Room* room = roomOf(rooms, peer);
     if (room == nullptr) return;
-    Slot& slot = room->slots[setup->slot];
+    Slot& slot = room->slots[setup.slot];
 
-    if (setupConflicts(*room, *setup)) {
+    if (setupConflicts(*room, setup)) {
         if (slot.info != nullptr) {
             // Sets every view, the sender's included, back to what is stored.
             sendToHumans(*room, kLobbyChannel, slot.info->bytes);
         } else {
             // Nothing is stored for the slot: the sender gets the slot's
             // state as a join would show it, and the slot stays empty.
-            sendBytes(peer, kLobbyChannel, slotStateOf(*room, setup->slot));
+            sendBytes(peer, kLobbyChannel, slotStateOf(*room, setup.slot));
         }
         return;
     }
-    slot.info = std::make_unique<PlayerSetup>(std::move(*setup));
+    slot.info = std::make_unique<PlayerSetup>(std::move(setup));
     sendToHumans(*room, kLobbyChannel, slot.info->bytes);
 }

@@ -1,43 +1,64 @@
-// The room registry: creation, the room list, the host's settings and the
-// removal of rooms nobody is in any more.
+// The room registry: creation, the room list, the host's settings, the text
+// relay and the removal of rooms nobody is in any more.
 
-#include "core/server.h"
 #include "lobby/lobby.h"
-#include "lobby/messages.h"
 #include "log/log.h"
-#include "protocol/messages.h"
-#include "protocol/send.h"
-#include "stats/statistics.h"
 
-void createRoom(Server& server, ENetPeer* peer, const std::string& name, const std::string& dataset,
-                std::uint32_t datasetChecksum) {
-    if (peer == nullptr || server.peers.count(peer) == 0) return;
+void sendToHumans(const Room& room, std::uint8_t channel, ByteView bytes, const ENetPeer* except) {
+    sendToSeated(seatPeers(room), channel, bytes, except);
+}
+
+GameSettings defaultGameSettings() {
+    GameSettings s;
+    s.bytes = encode(s);
+    return s;
+}
+
+void createRoom(RoomRegistry& rooms, ENetPeer* peer, const CreateRoom& request) {
     // A room is created only from outside all rooms.
-    if (findPeerRoom(server, peer) != nullptr) return;
+    if (roomOf(rooms, peer) != nullptr) return;
 
     auto room = std::make_unique<Room>();
-    room->id = server.nextRoomId;
-    room->name = name.empty() ? "Room # " + std::to_string(server.nextRoomId) : name;
-    room->dataset = dataset;
-    room->datasetChecksum = datasetChecksum;
+    room->id = rooms.nextRoomId;
+    room->name = request.name.empty() ? "Room # " + std::to_string(rooms.nextRoomId) : request.name;
+    room->dataset = request.dataset;
+    room->datasetChecksum = request.datasetChecksum;
     room->settings = defaultGameSettings();
     Room& ref = *room;
-    server.rooms.emplace(ref.id, std::move(room));
-    server.nextRoomId += 1;
+    rooms.byId.emplace(ref.id, std::move(room));
+    rooms.nextRoomId += 1;
 
     // hostSlot is already 0, so the creator first hears that it is no longer
     // host and then that it is: clients rely on both messages.
-    joinRoom(server, peer, ref.id);
+    joinRoom(rooms, peer, ref.id);
     setHost(ref, peer);
 
     logMessage("Room \"" + ref.name + "\", ID " + std::to_string(ref.id) + ", data \"" + ref.dataset +
                "\", checksum " + std::to_string(ref.datasetChecksum) +
-               ". Total rooms: " + std::to_string(server.rooms.size()));
+               ". Total rooms: " + std::to_string(rooms.byId.size()));
 }
 
-void sendRoomList(Server& server, ENetPeer* peer, std::uint32_t roomId) {
-    sendServerStatus(server, peer);
-    for (const auto& [id, room] : server.rooms) {
+ServerStatus serverStatus(const RoomRegistry& rooms, const std::string& description, std::size_t peerCount) {
+    ServerStatus status;
+    status.description = description;
+    for (const auto& [id, room] : rooms.byId) {
+        std::uint32_t humans = humanCount(*room);
+        if (room->running) {
+            status.runningRooms += 1;
+            status.playersInRunningRooms += humans;
+        } else {
+            status.playersInOtherRooms += humans;
+        }
+    }
+    status.playersInNoRoom =
+        static_cast<std::uint32_t>(peerCount) - status.playersInOtherRooms - status.playersInRunningRooms;
+    status.protocolVersion = kProtocolVersion;
+    return status;
+}
+
+void sendRoomList(const RoomRegistry& rooms, const ServerStatus& status, ENetPeer* peer, std::uint32_t roomId) {
+    sendBytes(peer, kLobbyChannel, encode(status));
+    for (const auto& [id, room] : rooms.byId) {
         RoomListEntry entry;
         entry.id = room->id;
         entry.name = room->name;
@@ -46,39 +67,43 @@ void sendRoomList(Server& server, ENetPeer* peer, std::uint32_t roomId) {
         entry.humans = humanCount(*room);
         entry.capacity = capacity(*room);
         entry.open = room->open ? 1 : 0;
-        sendBytes(peer, kLobbyChannel, entry.encode());
+        sendBytes(peer, kLobbyChannel, encode(entry));
     }
-    auto found = server.rooms.find(roomId);
-    if (found == server.rooms.end()) return;
-    const Room& room = *found->second;
-    sendBytes(peer, kLobbyChannel, room.settings.bytes);
+    const Room* room = findRoom(rooms, roomId);
+    if (room == nullptr) return;
+    sendBytes(peer, kLobbyChannel, room->settings.bytes);
     RoomPlayerNames names;
-    for (const Slot& slot : room.slots)
+    for (const Slot& slot : room->slots)
         if (slot.peer != nullptr) names.names.push_back(slot.info ? slot.info->playerName : std::string());
-    sendBytes(peer, kLobbyChannel, names.encode());
+    sendBytes(peer, kLobbyChannel, encode(names));
 }
 
-void updateGameSettings(Server& server, ENetPeer* peer, ByteView packet) {
-    auto settings = decodeGameSettings(packet);
-    if (!settings) {
-        logMalformed("GameSettings", kLobbyChannel, packet.size());
-        return;
-    }
-    Room* room = peer != nullptr ? findPeerRoom(server, peer) : nullptr;
+void updateGameSettings(RoomRegistry& rooms, ENetPeer* peer, GameSettings settings) {
+    Room* room = roomOf(rooms, peer);
     if (room == nullptr || room->slots[room->hostSlot].peer != peer) return;
     // Nothing in the settings is checked, not even after the start: the
     // clients own their meaning.
-    sendToHumans(*room, kLobbyChannel, settings->bytes, peer);
-    room->settings = std::move(*settings);
+    sendToHumans(*room, kLobbyChannel, settings.bytes, peer);
+    room->settings = std::move(settings);
 }
 
-void deleteEmptyRoom(Server& server) {
-    auto it = server.rooms.begin();
-    while (it != server.rooms.end() && humanCount(*it->second) != 0) ++it;
-    if (it == server.rooms.end()) return;
-    Room& room = *it->second;
-    if (server.statisticsEnabled && room.running) recordFinishedGame(server.statistics, room);
-    logMessage("Empty room \"" + room.name + "\" with ID " + std::to_string(room.id) + " deleted. ");
-    server.rooms.erase(it);
-    logMessage("Total rooms: " + std::to_string(server.rooms.size()));
+void relayText(const RoomRegistry& rooms, const std::set<ENetPeer*>& peers, ENetPeer* sender,
+               const std::string& text) {
+    const Room* senderRoom = roomOf(rooms, sender);
+    std::vector<ENetPeer*> targets;
+    for (ENetPeer* peer : peers)
+        if (roomOf(rooms, peer) == senderRoom) targets.push_back(peer);
+    Bytes bytes = encode(Text{text});
+    sendBytesToMany(targets.data(), targets.size(), kTextChannel, bytes);
+}
+
+std::unique_ptr<Room> deleteEmptyRoom(RoomRegistry& rooms) {
+    auto it = rooms.byId.begin();
+    while (it != rooms.byId.end() && humanCount(*it->second) != 0) ++it;
+    if (it == rooms.byId.end()) return nullptr;
+    std::unique_ptr<Room> room = std::move(it->second);
+    logMessage("Empty room \"" + room->name + "\" with ID " + std::to_string(room->id) + " deleted. ");
+    rooms.byId.erase(it);
+    logMessage("Total rooms: " + std::to_string(rooms.byId.size()));
+    return room;
 }

@@ -2,13 +2,10 @@
 // the random tags and start locations, the slot compaction and the switch to
 // the running match.
 
-#include "core/server.h"
+#include <memory>
+
 #include "lobby/lobby.h"
-#include "lobby/messages.h"
-#include "lobby/mtrand.h"
 #include "log/log.h"
-#include "protocol/messages.h"
-#include "protocol/send.h"
 
 namespace {
 
@@ -45,23 +42,29 @@ Readiness countReadiness(const Room& room) {
 }
 
 void refuseStart(Room& room, const std::string& text, const std::string& logLine) {
-    sendTextToRoom(room, text);
+    sendTextToSeated(seatPeers(room), text);
     logMessage(logLine);
 }
 
-void startRoom(Room& room) {
+// The peers of the slots that hold a human with a record, in slot order.
+struct Humans {
+    ENetPeer* peers[kSlotCount];
+    std::size_t count = 0;
+};
+
+void startRoom(RoomRegistry& rooms, Room& room) {
     room.open = false;
     room.started = true;
     assignTagsAndLocations(room);
 
     for (const Slot& slot : room.slots)
         if (slot.info != nullptr) sendToHumans(room, kLobbyChannel, slot.info->bytes);
-    compactSlots(room);
+    compactSlots(rooms, room);
 
     Humans notified;
     for (const Slot& slot : room.slots)
         if (slot.peer != nullptr && slot.info != nullptr) notified.peers[notified.count++] = slot.peer;
-    sendBytesToMany(notified.peers, notified.count, kLobbyChannel, StartGame{}.encode());
+    sendBytesToMany(notified.peers, notified.count, kLobbyChannel, encode(StartGame{}));
 }
 
 // Every human with a record has confirmed: the match runs.
@@ -78,10 +81,10 @@ void checkRunning(Room& room) {
         players.peers[players.count++] = slot.peer;
         room.matchPlayerNames.push_back(slot.info->playerName);
     }
-    sendBytesToMany(players.peers, players.count, kLobbyChannel, StartGame{}.encode());
+    sendBytesToMany(players.peers, players.count, kLobbyChannel, encode(StartGame{}));
 }
 
-void checkRoomStart(Room& room) {
+void checkRoomStart(RoomRegistry& rooms, Room& room) {
     if (!room.started && room.startRequested) {
         Readiness r = countReadiness(room);
         std::uint32_t locations = room.settings.startLocations;
@@ -105,7 +108,7 @@ void checkRoomStart(Room& room) {
                 if (slot.peer != nullptr && slot.info != nullptr) sendToHumans(room, kLobbyChannel, slot.info->bytes);
             room.startRequested = false;
         } else {
-            startRoom(room);
+            startRoom(rooms, room);
         }
     }
     // Also right after a successful start: humans who confirmed during
@@ -115,25 +118,34 @@ void checkRoomStart(Room& room) {
 
 }  // namespace
 
-void requestStart(Server& server, ENetPeer* peer) {
-    if (peer == nullptr) return;
-    for (auto& [id, room] : server.rooms) {
-        int index = slotOfPeer(*room, peer);
-        if (index < 0) continue;
-        if (room->startRequested)
-            room->confirmed[index] = true;
-        else
-            room->startRequested = true;
-    }
+void requestStart(RoomRegistry& rooms, ENetPeer* peer) {
+    const Seat* seated = seatOf(rooms, peer);
+    if (seated == nullptr) return;
+    Room& room = *seated->room;
+    if (room.startRequested)
+        room.confirmed[seated->slot] = true;
+    else
+        room.startRequested = true;
 }
+
+namespace {
+std::unique_ptr<std::mt19937> generator;
+}
+
+std::mt19937& globalGenerator() {
+    if (!generator) generator = std::make_unique<std::mt19937>(0);
+    return *generator;
+}
+
+void resetGlobalGenerator() { generator = std::make_unique<std::mt19937>(0); }
 
 std::vector<std::uint32_t> shufflePermutation(std::uint32_t n) {
     std::vector<std::uint32_t> a(n);
     if (n == 0) return a;
     a[0] = 0;
-    MTRand& generator = globalGenerator();
+    std::mt19937& draw = globalGenerator();
     for (std::uint32_t i = 1; i < n; ++i) {
-        std::uint64_t r = generator.rand_int32();
+        std::uint64_t r = draw();
         auto j = static_cast<std::uint32_t>((static_cast<std::uint64_t>(i + 1) * r) >> 32);
         a[i] = a[j];
         a[j] = i;
@@ -185,19 +197,6 @@ void assignTagsAndLocations(Room& room) {
         if (changed[i]) rebuildPlayerSetup(*room.slots[i].info);
 }
 
-void compactSlots(Room& room) {
-    for (std::size_t i = 0; i + 1 < kSlotCount; ++i) {
-        Slot& slot = room.slots[i];
-        if (slot.peer != nullptr || slot.info != nullptr) continue;
-        for (std::size_t j = i + 1; j < kSlotCount; ++j) {
-            if (room.slots[j].peer != nullptr) {
-                std::swap(slot, room.slots[j]);
-                break;
-            }
-        }
-    }
-}
-
-void checkRoomStarts(Server& server) {
-    for (auto& [id, room] : server.rooms) checkRoomStart(*room);
+void checkRoomStarts(RoomRegistry& rooms) {
+    for (auto& [id, room] : rooms.byId) checkRoomStart(rooms, *room);
 }

@@ -10,7 +10,7 @@
 
 #include "platform/clock.h"
 #include "platform/console.h"
-#include "protocol/paths.h"
+#include "platform/files.h"
 
 namespace {
 

@@ -5,18 +5,17 @@
 
 #include <httplib.h>
 
-#include "core/metrics.h"
-#include "platform/clock.h"
 
 namespace {
 std::unique_ptr<httplib::Server> endpoint;
 std::thread endpointThread;
 }  // namespace
 
-bool startMetricsEndpoint(const std::string& host, std::uint16_t port, std::string& error) {
+bool startMetricsEndpoint(const std::string& host, std::uint16_t port, std::function<std::string()> render,
+                          std::string& error) {
     endpoint = std::make_unique<httplib::Server>();
-    endpoint->Get("/metrics", [](const httplib::Request&, httplib::Response& res) {
-        res.set_content(renderMetrics(unixNow()), "text/plain; version=0.0.4");
+    endpoint->Get("/metrics", [render = std::move(render)](const httplib::Request&, httplib::Response& res) {
+        res.set_content(render(), "text/plain; version=0.0.4");
     });
     if (!endpoint->bind_to_port(host, port)) {
         error = "cannot listen for metrics on " + host + ":" + std::to_string(port);

@@ -1,43 +1,460 @@
 #pragma once
-// Messages every subsystem shares: the server status and relayed texts.
+// Every message of the protocol, one record each, described once by its
+// `fields` (see codec.h). Records decoded from a packet either copy what they
+// keep or, where marked, view the packet and live no longer than it.
+// `kName` is how a dropped undecodable message is named in the log.
 
+#include <array>
+#include <cstddef>
 #include <cstdint>
 #include <optional>
 #include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
 
-#include <enet/enet.h>
-
+#include "protocol/codec.h"
 #include "protocol/wire.h"
 
-struct Server;
-struct Room;
+inline constexpr std::uint32_t kProtocolVersion = 4;
 
-// Lobby message 1, server to client.
+enum Channel : std::uint8_t {
+    kLobbyChannel = 0,
+    kTextChannel = 1,
+    kMatchControlChannel = 2,
+    kOrderChannel = 3,
+    kReportsChannel = 4,
+    kEventTrackingChannel = 5,
+    kFileUpdateChannel = 6,
+};
+inline constexpr std::size_t kChannelCount = 7;
+
+// A room has slots 0..7; a message naming another slot is malformed.
+inline constexpr std::uint32_t kSlotCount = 8;
+
+// The header of most messages: the type word (written by describe) and a
+// second word that the server writes as 1 and never examines.
+#define LOCKSTEP_MESSAGE(TypeWord, Name)            \
+    static constexpr std::uint32_t kType = TypeWord; \
+    static constexpr const char* kName = Name;       \
+    std::uint32_t secondWord = 1
+
+// A message of which only the type word is read.
+#define LOCKSTEP_TYPE_ONLY(TypeWord, Name)          \
+    static constexpr std::uint32_t kType = TypeWord; \
+    static constexpr const char* kName = Name;       \
+    template <typename F, typename M>                \
+    static void fields(F&, M&) {}
+
+// ---- Lobby (channel 0) ------------------------------------------------------
+
 struct ServerStatus {
-    static constexpr std::uint32_t kType = 1;
-    std::uint32_t secondWord = 1;
+    LOCKSTEP_MESSAGE(1, "ServerStatus");
     std::string description;
     std::uint32_t runningRooms = 0;
     std::uint32_t playersInRunningRooms = 0;
     std::uint32_t playersInOtherRooms = 0;
     std::uint32_t playersInNoRoom = 0;
     std::uint32_t protocolVersion = 0;
-
-    Bytes encode() const;
-    static std::optional<ServerStatus> decode(ByteView bytes);
+    template <typename F, typename M>
+    static void fields(F& f, M& m) {
+        f.u32(m.secondWord), f.str(m.description), f.u32(m.runningRooms), f.u32(m.playersInRunningRooms);
+        f.u32(m.playersInOtherRooms), f.u32(m.playersInNoRoom), f.u32(m.protocolVersion);
+    }
 };
 
-// A text on the text channel: its bytes and one NUL.
-Bytes encodeText(const std::string& text);
-// The text up to the first NUL; nullopt when there is none.
-std::optional<std::string> decodeText(ByteView bytes);
+struct CreateRoom {
+    LOCKSTEP_MESSAGE(2, "CreateRoom");
+    std::string name;
+    std::string dataset;
+    std::uint32_t datasetChecksum = 0;
+    template <typename F, typename M>
+    static void fields(F& f, M& m) {
+        f.u32(m.secondWord), f.str(m.name), f.str(m.dataset), f.u32(m.datasetChecksum);
+    }
+};
 
-void sendServerStatus(Server& server, ENetPeer* peer);
-// The text to every slot of the room that has a peer, in slot order.
-void sendTextToRoom(const Room& room, const std::string& text);
-// The text to every registered peer that shares the sender's room (or, for a
-// sender in no room, to every peer in no room), the sender included.
-void relayText(Server& server, ENetPeer* sender, const std::string& text);
+struct JoinRoom {
+    LOCKSTEP_MESSAGE(3, "JoinRoom");
+    std::uint32_t roomId = 0;
+    template <typename F, typename M>
+    static void fields(F& f, M& m) {
+        f.u32(m.secondWord), f.u32(m.roomId);
+    }
+};
 
-// The room whose slots hold the peer, or nullptr.
-Room* findPeerRoom(Server& server, ENetPeer* peer);
+struct LeaveRoom {
+    LOCKSTEP_TYPE_ONLY(4, "LeaveRoom");
+};
+
+// A player's setup. The room keeps the exact bytes it came in (`bytes`,
+// filled by decode), which are what the server relays.
+struct PlayerSetup {
+    LOCKSTEP_MESSAGE(5, "PlayerSetup");
+    std::uint32_t slot = 0;
+    std::uint32_t ready = 0;
+    std::uint32_t playerTag = 0;
+    std::uint32_t startLocation = 0;
+    std::uint32_t clientValue1 = 0;
+    std::uint32_t clientValue2 = 0;
+    std::uint32_t clientValue3 = 0xFFFFFFFFu;
+    std::string playerName;
+    std::vector<std::pair<std::uint32_t, std::string>> clientPairs;
+    std::vector<std::string> clientStrings;
+    Bytes bytes;
+    template <typename F, typename M>
+    static void fields(F& f, M& m) {
+        f.u32(m.secondWord), f.u32(m.slot), f.check([&] { return m.slot < kSlotCount; });
+        f.u32(m.ready), f.u32(m.playerTag), f.u32(m.startLocation);
+        f.u32(m.clientValue1), f.u32(m.clientValue2), f.u32(m.clientValue3), f.str(m.playerName);
+        f.list(m.clientPairs, 5, [](auto& g, auto& pair) { g.u32(pair.first), g.str(pair.second); });
+        f.list(m.clientStrings, 1, [](auto& g, auto& text) { g.str(text); });
+    }
+};
+
+struct JoinAccepted {
+    LOCKSTEP_MESSAGE(6, "JoinAccepted");
+    std::uint32_t slot = 0;
+    std::uint32_t roomId = 0;
+    template <typename F, typename M>
+    static void fields(F& f, M& m) {
+        f.u32(m.secondWord), f.u32(m.slot), f.u32(m.roomId);
+    }
+};
+
+struct SlotState {
+    LOCKSTEP_MESSAGE(7, "SlotState");
+    std::uint32_t slot = 0;
+    std::uint32_t closed = 0;
+    template <typename F, typename M>
+    static void fields(F& f, M& m) {
+        f.u32(m.secondWord), f.u32(m.slot), f.check([&] { return m.slot < kSlotCount; }), f.u32(m.closed);
+    }
+};
+
+// Client to server: hand the host role to a slot.
+struct SetHost {
+    LOCKSTEP_MESSAGE(8, "SetHost");
+    std::uint32_t slot = 0;
+    template <typename F, typename M>
+    static void fields(F& f, M& m) {
+        f.u32(m.secondWord), f.u32(m.slot), f.check([&] { return m.slot < kSlotCount; });
+    }
+};
+
+// Server to client: 1 = you are host, 0 = no longer.
+struct HostStatus {
+    LOCKSTEP_MESSAGE(8, "HostStatus");
+    std::uint32_t isHost = 0;
+    template <typename F, typename M>
+    static void fields(F& f, M& m) {
+        f.u32(m.secondWord), f.u32(m.isHost);
+    }
+};
+
+struct Kick {
+    LOCKSTEP_MESSAGE(9, "Kick");
+    std::uint32_t slot = 0;
+    template <typename F, typename M>
+    static void fields(F& f, M& m) {
+        f.u32(m.secondWord), f.u32(m.slot), f.check([&] { return m.slot < kSlotCount; });
+    }
+};
+
+// Server to client; its one word is always 1.
+struct Kicked {
+    LOCKSTEP_MESSAGE(9, "Kicked");
+    std::uint32_t value = 1;
+    template <typename F, typename M>
+    static void fields(F& f, M& m) {
+        f.u32(m.secondWord), f.u32(m.value);
+    }
+};
+
+// The ID of the room whose details are wanted.
+struct RoomListRequest {
+    LOCKSTEP_MESSAGE(10, "RoomListRequest");
+    std::uint32_t roomId = 0;
+    template <typename F, typename M>
+    static void fields(F& f, M& m) {
+        f.u32(m.secondWord), f.u32(m.roomId);
+    }
+};
+
+struct RoomListEntry {
+    LOCKSTEP_MESSAGE(11, "RoomListEntry");
+    std::uint32_t id = 0;
+    std::string name;
+    std::string dataset;
+    std::uint32_t datasetChecksum = 0;
+    std::uint32_t humans = 0;
+    std::uint32_t capacity = 0;
+    std::uint32_t open = 0;
+    template <typename F, typename M>
+    static void fields(F& f, M& m) {
+        f.u32(m.secondWord), f.u32(m.id), f.str(m.name), f.str(m.dataset), f.u32(m.datasetChecksum);
+        f.u32(m.humans), f.u32(m.capacity), f.u32(m.open);
+    }
+};
+
+struct RoomPlayerNames {
+    LOCKSTEP_MESSAGE(12, "RoomPlayerNames");
+    std::vector<std::string> names;
+    template <typename F, typename M>
+    static void fields(F& f, M& m) {
+        f.u32(m.secondWord), f.list(m.names, 1, [](auto& g, auto& name) { g.str(name); });
+    }
+};
+
+// The host's settings; kept as the exact bytes like PlayerSetup.
+struct GameSettings {
+    LOCKSTEP_MESSAGE(13, "GameSettings");
+    std::uint32_t gameMode = 0;
+    std::string mapName;
+    std::uint32_t startLocations = 8;
+    std::uint32_t settingsValue1 = 0;
+    std::uint32_t settingsValue2 = 0;
+    Bytes bytes;
+    template <typename F, typename M>
+    static void fields(F& f, M& m) {
+        f.u32(m.secondWord), f.u32(m.gameMode), f.str(m.mapName), f.u32(m.startLocations);
+        f.u32(m.settingsValue1), f.u32(m.settingsValue2);
+    }
+};
+
+// Both ways: header only.
+struct StartGame {
+    LOCKSTEP_MESSAGE(14, "StartGame");
+    template <typename F, typename M>
+    static void fields(F& f, M& m) {
+        f.u32(m.secondWord);
+    }
+};
+
+// ---- Text (channel 1): the text and one NUL, no header -------------------------
+
+struct Text {
+    static constexpr const char* kName = "text";
+    std::string text;
+    template <typename F, typename M>
+    static void fields(F& f, M& m) {
+        f.str(m.text);
+    }
+};
+
+// ---- Match control (channel 2) ------------------------------------------------
+
+struct DelayIncrease {
+    LOCKSTEP_MESSAGE(1, "DelayIncrease");
+    template <typename F, typename M>
+    static void fields(F& f, M& m) {
+        f.u32(m.secondWord);
+    }
+};
+
+struct DelayDecrease {
+    LOCKSTEP_MESSAGE(2, "DelayDecrease");
+    template <typename F, typename M>
+    static void fields(F& f, M& m) {
+        f.u32(m.secondWord);
+    }
+};
+
+struct LeaveMatch {
+    LOCKSTEP_TYPE_ONLY(3, "LeaveMatch");
+};
+
+struct PlayerLeftMatch {
+    LOCKSTEP_MESSAGE(3, "PlayerLeftMatch");
+    std::uint32_t slot = 0;
+    template <typename F, typename M>
+    static void fields(F& f, M& m) {
+        f.u32(m.secondWord), f.u32(m.slot);
+    }
+};
+
+struct DelayHold {
+    LOCKSTEP_TYPE_ONLY(4, "DelayHold");
+};
+
+struct DelayRequest {
+    LOCKSTEP_TYPE_ONLY(5, "DelayRequest");
+};
+
+// A client's world state and log after a desync. Views the packet.
+struct ResyncReport {
+    LOCKSTEP_MESSAGE(8, "resync report");
+    ByteView world;
+    ByteView log;
+    template <typename F, typename M>
+    static void fields(F& f, M& m) {
+        f.u32(m.secondWord), f.blob(m.world), f.blob(m.log);
+    }
+};
+
+// ---- Orders (channel 3) ------------------------------------------------------
+
+inline constexpr std::uint32_t kStepDoneMark = 0xFFFFFFFFu;
+inline constexpr std::uint32_t kChecksumOrderType = 901;
+inline constexpr std::uint32_t kResyncOrderType = 902;
+// Type, step and argument: the short form of a step-done order.
+inline constexpr std::size_t kShortOrderLength = 12;
+
+// The list [kStepDoneMark] as wire words.
+inline constexpr std::array<std::uint8_t, 4> kStepDoneWords{0xFF, 0xFF, 0xFF, 0xFF};
+
+// The one message of the order channel. The server reads only the step, the
+// argument, the step-done mark and the order type, and passes the bytes on as
+// they came; it builds orders of its own for step completion and resync. The
+// lists are kept as their wire words and, with the text, view the packet, so
+// reading an order copies nothing.
+struct Order {
+    static constexpr const char* kName = "order";
+    std::uint32_t messageType = 1;  // not examined on receipt
+    std::uint32_t step = 0;
+    std::uint32_t argument = 0;
+    ByteView firstList{kStepDoneWords};
+    std::uint32_t orderType = 0;
+    ByteView secondList;
+    std::array<std::uint32_t, 4> params{0xFFFFFFFFu, 0xFFFFFFFFu, 0, 0};
+    std::uint32_t extraParam = 0;
+    std::uint8_t flag = 0;
+    std::string_view text;
+    template <typename F, typename M>
+    static void fields(F& f, M& m) {
+        f.u32(m.messageType), f.u32(m.step), f.u32(m.argument), f.words(m.firstList), f.u32(m.orderType);
+        f.words(m.secondList);
+        for (auto& p : m.params) f.u32(p);
+        f.u32(m.extraParam), f.u8(m.flag), f.str(m.text);
+    }
+};
+
+// A first list that starts with kStepDoneMark, in either form.
+bool isStepDoneOrder(const Order& order);
+// A packet of exactly 12 bytes is the short form (a step-done order whatever
+// its third word, the other fields at their defaults); a longer one is read
+// in full. nullopt when shorter, or when a count or the text runs past it.
+std::optional<Order> parseOrder(ByteView bytes);
+// A step-done order becomes the 12-byte short form; anything else the full
+// form with the message type written as 1.
+Bytes serializeOrder(const Order& order);
+
+// ---- Reports (channel 4) -----------------------------------------------------
+
+// A snapshot that starts with "COMBOSAVE": a header text up to its NUL, then
+// four length-prefixed pieces. The views point into the snapshot.
+struct SnapshotBundle {
+    ByteView save;
+    ByteView world;
+    ByteView log;
+    ByteView scriptLog;
+};
+bool isSnapshotBundle(ByteView snapshot);
+// nullopt when the header has no NUL or a piece runs past the snapshot.
+std::optional<SnapshotBundle> parseSnapshotBundle(ByteView snapshot);
+// A bundle with the plain "COMBOSAVE" header (clients and tests).
+Bytes encodeSnapshotBundle(ByteView save, ByteView world, ByteView log, ByteView scriptLog);
+
+// Views the packet. A snapshot that is a bundle must hold together: one that
+// does not makes the report malformed, so no file of it is ever written.
+struct FeedbackReport {
+    LOCKSTEP_MESSAGE(1, "feedback report");
+    std::string playerName;
+    std::string contactInfo;
+    std::string dataset;
+    std::string description;
+    ByteView snapshot;    // empty: none
+    ByteView screenshot;  // empty: none
+    template <typename F, typename M>
+    static void fields(F& f, M& m) {
+        f.u32(m.secondWord), f.str(m.playerName), f.str(m.contactInfo), f.str(m.dataset), f.str(m.description);
+        f.blob(m.snapshot), f.blob(m.screenshot);
+        f.check([&] { return !isSnapshotBundle(m.snapshot) || parseSnapshotBundle(m.snapshot).has_value(); });
+    }
+};
+
+struct ReportReply {
+    LOCKSTEP_MESSAGE(2, "ReportReply");
+    std::string text;
+    template <typename F, typename M>
+    static void fields(F& f, M& m) {
+        f.u32(m.secondWord), f.str(m.text);
+    }
+};
+
+// Views the packet.
+struct DeterminismTestReport {
+    LOCKSTEP_MESSAGE(3, "determinism test report");
+    std::string playerName;
+    std::string contactInfo;
+    std::string dataset;
+    std::string description;
+    ByteView snapshot;  // empty: none
+    template <typename F, typename M>
+    static void fields(F& f, M& m) {
+        f.u32(m.secondWord), f.str(m.playerName), f.str(m.contactInfo), f.str(m.dataset), f.str(m.description);
+        f.blob(m.snapshot);
+    }
+};
+
+// ---- Event tracking (channel 5) ------------------------------------------------
+
+// Client to server; the server's manifest version notice has the same layout
+// (empty name and dataset, checksum 0, event type 1, the version as data).
+struct TrackEvent {
+    LOCKSTEP_MESSAGE(1, "TrackEvent");
+    std::string playerName;
+    std::string dataset;
+    std::uint32_t datasetChecksum = 0;
+    std::uint32_t eventType = 0;
+    std::string additionalEventData;
+    template <typename F, typename M>
+    static void fields(F& f, M& m) {
+        f.u32(m.secondWord), f.str(m.playerName), f.str(m.dataset), f.u32(m.datasetChecksum);
+        f.u32(m.eventType), f.str(m.additionalEventData);
+    }
+};
+
+// The event type after which a client gets the manifest version and the
+// announcements.
+inline constexpr std::uint32_t kUpdateCheckEvent = 101;
+
+struct Announcements {
+    static constexpr std::uint32_t kType = 2;
+    static constexpr const char* kName = "Announcements";
+    std::uint32_t secondWord = 0;
+    std::vector<std::string> texts;
+    template <typename F, typename M>
+    static void fields(F& f, M& m) {
+        f.u32(m.secondWord), f.list(m.texts, 1, [](auto& g, auto& text) { g.str(text); });
+    }
+};
+
+// ---- File update (channel 6) -------------------------------------------------
+
+struct ManifestRequest {
+    LOCKSTEP_TYPE_ONLY(1, "ManifestRequest");
+};
+
+struct FileRequest {
+    LOCKSTEP_MESSAGE(2, "file request");
+    std::string name;
+    template <typename F, typename M>
+    static void fields(F& f, M& m) {
+        f.u32(m.secondWord), f.str(m.name);
+    }
+};
+
+// One whole file; the length field is the content's size.
+struct FileData {
+    LOCKSTEP_MESSAGE(3, "FileData");
+    std::string name;
+    Bytes content;
+    template <typename F, typename M>
+    static void fields(F& f, M& m) {
+        f.u32(m.secondWord), f.str(m.name), f.blob(m.content);
+    }
+};
+
+#undef LOCKSTEP_MESSAGE
+#undef LOCKSTEP_TYPE_ONLY

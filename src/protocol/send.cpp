@@ -1,6 +1,6 @@
 #include "protocol/send.h"
 
-#include "core/metrics.h"
+#include "log/metrics.h"
 
 namespace {
 PacketRecorder recorder;
@@ -31,4 +31,34 @@ void sendBytesToMany(ENetPeer* const* peers, std::size_t count, std::uint8_t cha
     for (std::size_t i = 0; i < count; ++i) enet_peer_send(peers[i], channel, packet);
     // Nobody took it (every send refused): ENet would never free it.
     if (packet->referenceCount == 0) enet_packet_destroy(packet);
+}
+
+void sendToSeated(const SeatPeers& seats, std::uint8_t channel, ByteView bytes, const ENetPeer* except) {
+    ENetPeer* targets[kSlotCount];
+    std::size_t n = 0;
+    for (ENetPeer* peer : seats)
+        if (peer != nullptr && peer != except) targets[n++] = peer;
+    sendBytesToMany(targets, n, channel, bytes);
+}
+
+void sendTextToSeated(const SeatPeers& seats, const std::string& text) {
+    sendToSeated(seats, kTextChannel, encode(Text{text}));
+}
+
+PeerInfo makePeerInfo(const ENetAddress& address) {
+    PeerInfo info;
+    const auto* b = reinterpret_cast<const std::uint8_t*>(&address.host);
+    for (int i = 0; i < 4; ++i) info.octets[i] = b[i];
+    info.port = address.port;
+    return info;
+}
+
+std::string peerAddressText(const PeerInfo& info) {
+    return std::to_string(info.octets[0]) + "." + std::to_string(info.octets[1]) + "." +
+           std::to_string(info.octets[2]) + "." + std::to_string(info.octets[3]) + ":" + std::to_string(info.port);
+}
+
+std::string peerAddressText(const ENetPeer* peer) {
+    const auto* info = static_cast<const PeerInfo*>(peer->data);
+    return peerAddressText(info != nullptr ? *info : makePeerInfo(peer->address));
 }

@@ -3,23 +3,15 @@
 // reliable ENet packet; an in-process recorder can take their place so that
 // state tests and fuzzers drive the server without sockets.
 
+#include <array>
 #include <cstdint>
 #include <functional>
+#include <string>
 
 #include <enet/enet.h>
 
+#include "protocol/messages.h"
 #include "protocol/wire.h"
-
-enum Channel : std::uint8_t {
-    kLobbyChannel = 0,
-    kTextChannel = 1,
-    kMatchControlChannel = 2,
-    kOrderChannel = 3,
-    kReportsChannel = 4,
-    kEventTrackingChannel = 5,
-    kFileUpdateChannel = 6,
-};
-inline constexpr std::size_t kChannelCount = 7;
 
 using PacketRecorder = std::function<void(ENetPeer* peer, std::uint8_t channel, ByteView bytes)>;
 
@@ -30,3 +22,21 @@ void sendBytes(ENetPeer* peer, std::uint8_t channel, ByteView bytes);
 
 // The same bytes to several peers: one reference-counted ENet packet.
 void sendBytesToMany(ENetPeer* const* peers, std::size_t count, std::uint8_t channel, ByteView bytes);
+
+// The peer in each slot of a room (nullptr: nobody connected there).
+using SeatPeers = std::array<ENetPeer*, kSlotCount>;
+
+// The bytes, as one shared packet, to every seat that holds a peer (except
+// one peer, when given), in slot order.
+void sendToSeated(const SeatPeers& seats, std::uint8_t channel, ByteView bytes, const ENetPeer* except = nullptr);
+void sendTextToSeated(const SeatPeers& seats, const std::string& text);
+
+// The address of a registered peer, hung on the ENet peer's data field.
+struct PeerInfo {
+    std::array<std::uint32_t, 4> octets{};
+    std::uint32_t port = 0;
+};
+PeerInfo makePeerInfo(const ENetAddress& address);
+// "a.b.c.d:port" of the peer's record, or of its address when it has none.
+std::string peerAddressText(const PeerInfo& info);
+std::string peerAddressText(const ENetPeer* peer);

@@ -2,7 +2,7 @@
 
 #include <cstring>
 
-#include "core/metrics.h"
+#include "log/metrics.h"
 #include "log/log.h"
 
 bool Reader::need(std::size_t n) {
@@ -25,7 +25,9 @@ std::uint8_t Reader::u8() {
     return data_[pos_++];
 }
 
-std::string Reader::str() {
+std::string Reader::str() { return std::string(strView()); }
+
+std::string_view Reader::strView() {
     // Nothing left means no NUL; an empty packet may not even have a data
     // pointer to search.
     if (!ok_ || pos_ >= size_) {
@@ -38,22 +40,9 @@ std::string Reader::str() {
         return {};
     }
     std::size_t len = static_cast<const std::uint8_t*>(nul) - (data_ + pos_);
-    std::string s(reinterpret_cast<const char*>(data_ + pos_), len);
+    std::string_view s(reinterpret_cast<const char*>(data_ + pos_), len);
     pos_ += len + 1;
     return s;
-}
-
-void Reader::skipStr() {
-    if (!ok_ || pos_ >= size_) {
-        ok_ = false;
-        return;
-    }
-    const void* nul = std::memchr(data_ + pos_, 0, size_ - pos_);
-    if (nul == nullptr) {
-        ok_ = false;
-        return;
-    }
-    pos_ = static_cast<std::size_t>(static_cast<const std::uint8_t*>(nul) - data_) + 1;
 }
 
 ByteView Reader::bytes(std::size_t n) {

@@ -24,8 +24,8 @@ public:
     std::uint8_t u8();
     // Up to the next NUL, which is consumed; fails when there is none.
     std::string str();
-    // Steps over a string without copying it; fails as str() would.
-    void skipStr();
+    // The same string as a view into the bytes, without copying it.
+    std::string_view strView();
     // n raw bytes; fails when fewer remain.
     ByteView bytes(std::size_t n);
     // A u32 length, then that many bytes.
@@ -35,6 +35,9 @@ public:
     // never reserves memory the packet does not carry.
     std::uint32_t count(std::size_t minElementSize);
 
+    // Marks the read as failed: a check on a value read makes the whole
+    // decode fail like a read past the end.
+    void fail() { ok_ = false; }
     bool ok() const { return ok_; }
     std::size_t offset() const { return pos_; }
     std::size_t remaining() const { return ok_ ? size_ - pos_ : 0; }

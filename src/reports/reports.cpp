@@ -1,38 +1,15 @@
 #include "reports/reports.h"
 
-#include <cstdio>
-#include <cstring>
 #include <filesystem>
 #include <system_error>
 
-#include "core/server.h"
-#include "log/log.h"
 #include "platform/clock.h"
-#include "protocol/paths.h"
+#include "platform/files.h"
 #include "protocol/send.h"
 
 namespace fs = std::filesystem;
 
 namespace {
-
-constexpr char kBundleMagic[] = "COMBOSAVE";
-constexpr std::size_t kBundleMagicLength = sizeof kBundleMagic - 1;
-
-Bytes copyOf(ByteView v) { return Bytes(v.begin(), v.end()); }
-
-// The four texts common to both report kinds, right after the header words.
-struct ReportTexts {
-    std::string playerName, contactInfo, dataset, description;
-};
-
-ReportTexts readTexts(Reader& r) {
-    ReportTexts t;
-    t.playerName = r.str();
-    t.contactInfo = r.str();
-    t.dataset = r.str();
-    t.description = r.str();
-    return t;
-}
 
 // Report files are written under a temporary name and renamed into place, so
 // nobody reading the report directory meets half a file. A name that cannot
@@ -68,99 +45,6 @@ std::string reportStem(const char* directory) {
 
 }  // namespace
 
-// ---- Records -------------------------------------------------------------
-
-Bytes FeedbackReport::encode() const {
-    Writer w(8 + playerName.size() + contactInfo.size() + dataset.size() + description.size() + 4 + 8 +
-             snapshot.size() + screenshot.size());
-    w.u32(kType).u32(secondWord).str(playerName).str(contactInfo).str(dataset).str(description);
-    w.blob(snapshot).blob(screenshot);
-    return w.take();
-}
-
-std::optional<FeedbackReport> FeedbackReport::decode(ByteView bytes) {
-    Reader r(bytes);
-    FeedbackReport report;
-    if (r.u32() != kType) return std::nullopt;
-    report.secondWord = r.u32();
-    ReportTexts t = readTexts(r);
-    ByteView snapshot = r.blob();
-    ByteView screenshot = r.blob();
-    if (!r.ok()) return std::nullopt;
-    // A bundle that does not hold together is as malformed as the report:
-    // refusing it here means no file of it is ever written.
-    if (isSnapshotBundle(snapshot) && !parseSnapshotBundle(snapshot)) return std::nullopt;
-    report.playerName = std::move(t.playerName);
-    report.contactInfo = std::move(t.contactInfo);
-    report.dataset = std::move(t.dataset);
-    report.description = std::move(t.description);
-    report.snapshot = copyOf(snapshot);
-    report.screenshot = copyOf(screenshot);
-    return report;
-}
-
-Bytes DeterminismTestReport::encode() const {
-    Writer w(8 + playerName.size() + contactInfo.size() + dataset.size() + description.size() + 4 + 4 +
-             snapshot.size());
-    w.u32(kType).u32(secondWord).str(playerName).str(contactInfo).str(dataset).str(description);
-    w.blob(snapshot);
-    return w.take();
-}
-
-std::optional<DeterminismTestReport> DeterminismTestReport::decode(ByteView bytes) {
-    Reader r(bytes);
-    DeterminismTestReport report;
-    if (r.u32() != kType) return std::nullopt;
-    report.secondWord = r.u32();
-    ReportTexts t = readTexts(r);
-    ByteView snapshot = r.blob();
-    if (!r.ok()) return std::nullopt;
-    report.playerName = std::move(t.playerName);
-    report.contactInfo = std::move(t.contactInfo);
-    report.dataset = std::move(t.dataset);
-    report.description = std::move(t.description);
-    report.snapshot = copyOf(snapshot);
-    return report;
-}
-
-Bytes ReportReply::encode() const {
-    return Writer(9 + text.size()).u32(kType).u32(secondWord).str(text).take();
-}
-
-std::optional<ReportReply> ReportReply::decode(ByteView bytes) {
-    Reader r(bytes);
-    ReportReply reply;
-    if (r.u32() != kType) return std::nullopt;
-    reply.secondWord = r.u32();
-    reply.text = r.str();
-    if (!r.ok()) return std::nullopt;
-    return reply;
-}
-
-bool isSnapshotBundle(ByteView snapshot) {
-    return snapshot.size() >= kBundleMagicLength &&
-           std::memcmp(snapshot.data(), kBundleMagic, kBundleMagicLength) == 0;
-}
-
-std::optional<SnapshotBundle> parseSnapshotBundle(ByteView snapshot) {
-    if (!isSnapshotBundle(snapshot)) return std::nullopt;
-    Reader r(snapshot);
-    r.str();  // the header; its text beyond the magic is not used
-    SnapshotBundle bundle;
-    bundle.save = r.blob();
-    bundle.world = r.blob();
-    bundle.log = r.blob();
-    bundle.scriptLog = r.blob();
-    if (!r.ok()) return std::nullopt;
-    return bundle;
-}
-
-Bytes encodeSnapshotBundle(ByteView save, ByteView world, ByteView log, ByteView scriptLog) {
-    Writer w;
-    w.str(kBundleMagic).blob(save).blob(world).blob(log).blob(scriptLog);
-    return w.take();
-}
-
 // ---- Filing ---------------------------------------------------------------
 
 // Reports are named by the second they arrive in, so two in the same second
@@ -191,21 +75,13 @@ std::string chooseReportBase(const std::string& stem, const std::vector<std::str
 void sendReportReply(ENetPeer* peer, std::string text) {
     ReportReply reply;
     reply.text = std::move(text);
-    Bytes bytes = reply.encode();
-    sendBytes(peer, kReportsChannel, bytes);
+    sendBytes(peer, kReportsChannel, encode(reply));
 }
 
-void writeFeedbackReport(Server&, ENetPeer* peer, const FeedbackReport& report) {
-    std::optional<SnapshotBundle> bundle;
+void writeFeedbackReport(ENetPeer* peer, const FeedbackReport& report) {
+    // The decoder has refused bundles that do not hold together.
+    const std::optional<SnapshotBundle> bundle = parseSnapshotBundle(report.snapshot);
     const bool hasSnapshot = !report.snapshot.empty();
-    if (hasSnapshot && isSnapshotBundle(report.snapshot)) {
-        bundle = parseSnapshotBundle(report.snapshot);
-        if (!bundle) {
-            // Decoded reports never get here; a record built by hand might.
-            logMalformed("feedback report", kReportsChannel, report.encode().size());
-            return;
-        }
-    }
 
     std::vector<std::string> suffixes{".txt"};
     if (bundle) {
@@ -241,7 +117,7 @@ void writeFeedbackReport(Server&, ENetPeer* peer, const FeedbackReport& report) 
     sendReportReply(peer, "Feedback received succesfully! Thank you!");
 }
 
-void writeDeterminismTestReport(Server&, ENetPeer* peer, const DeterminismTestReport& report) {
+void writeDeterminismTestReport(ENetPeer* peer, const DeterminismTestReport& report) {
     std::vector<std::string> suffixes{".txt"};
     if (!report.snapshot.empty()) suffixes.push_back(".save");
     // Same-second reports get "_1", "_2", ... as for feedback (chooseReportBase).
@@ -253,24 +129,4 @@ void writeDeterminismTestReport(Server&, ENetPeer* peer, const DeterminismTestRe
     if (!report.snapshot.empty() && !writeBinaryFile(base + ".save", report.snapshot))
         return sendReportReply(peer, "Failed to write test snapshot");
     sendReportReply(peer, "Test results received succesfully! Thank you!");
-}
-
-// A report whose strings or lengths run past the packet is dropped with one
-// "Malformed" line and no reply: nothing of it is read or filed.
-void receiveFeedbackReport(Server& server, ENetPeer* peer, ByteView packet) {
-    auto report = FeedbackReport::decode(packet);
-    if (!report) {
-        logMalformed("feedback report", kReportsChannel, packet.size());
-        return;
-    }
-    writeFeedbackReport(server, peer, *report);
-}
-
-void receiveDeterminismTestReport(Server& server, ENetPeer* peer, ByteView packet) {
-    auto report = DeterminismTestReport::decode(packet);
-    if (!report) {
-        logMalformed("determinism test report", kReportsChannel, packet.size());
-        return;
-    }
-    writeDeterminismTestReport(server, peer, *report);
 }

@@ -3,7 +3,6 @@
 #include <cstdint>
 #include <string>
 
-#include "core/server.h"
 #include "log/log.h"
 
 namespace {
@@ -16,16 +15,14 @@ std::string amountText(std::uint32_t bytes) {
 
 }  // namespace
 
-void printNetworkReport(Server& server) {
-    // Without a host (in-process tests) the socket figures read as zero.
-    const ENetHost* host = server.host;
+void printNetworkReport(const ENetHost* host, std::uint32_t bytesReceived) {
     const std::uint32_t received = host ? host->totalReceivedData : 0;
     const std::uint32_t receivedPackets = host ? host->totalReceivedPackets : 0;
     const std::uint32_t sent = host ? host->totalSentData : 0;
     const std::uint32_t sentPackets = host ? host->totalSentPackets : 0;
 
     logMessage("");
-    logMessage("Bytes received: " + amountText(server.bytesReceived));
+    logMessage("Bytes received: " + amountText(bytesReceived));
     logMessage("");
     logMessage("Total received: " + amountText(received));
     logMessage("In " + std::to_string(receivedPackets) + " packets");
@@ -35,10 +32,10 @@ void printNetworkReport(Server& server) {
     logMessage("");
 }
 
-void printLoadReport(Server& server) {
+void printLoadReport(const RoomRegistry& rooms) {
     logMessage("");
-    for (const auto& [id, room] : server.rooms)
-        logMessage("Room " + std::to_string(room->id) + " - Net: " + std::to_string(room->lagReports) +
-                   " - CPU: " + std::to_string(room->delayHold));
+    for (const auto& [id, room] : rooms.byId)
+        logMessage("Room " + std::to_string(room->id) + " - Net: " + std::to_string(room->match.lagReports) +
+                   " - CPU: " + std::to_string(room->match.delayHold));
     logMessage("");
 }

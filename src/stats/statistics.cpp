@@ -7,7 +7,7 @@
 #include "lobby/room.h"
 #include "log/log.h"
 #include "platform/clock.h"
-#include "protocol/paths.h"
+#include "platform/files.h"
 
 namespace {
 
@@ -40,8 +40,8 @@ void resetStatistics(ServerStatistics& statistics) {
 void recordFinishedGame(ServerStatistics& s, const Room& room) {
     const std::uint32_t n = s.totalGames;
     const auto p = static_cast<std::uint32_t>(room.matchPlayerNames.size());
-    const std::uint32_t length = room.lastCompletedStep;
-    const std::uint32_t delay = room.maxOrderDelay;
+    const std::uint32_t length = room.match.lastCompletedStep;
+    const std::uint32_t delay = room.match.maxOrderDelay;
 
     s.averagePlayers = foldAverage(s.averagePlayers, n, p);
     s.maxPlayers = std::max(s.maxPlayers, p);
@@ -55,7 +55,7 @@ void recordFinishedGame(ServerStatistics& s, const Room& room) {
     const DatasetKey key{room.datasetChecksum, room.dataset};
     s.gamesPerDataset[key] += 1;
     s.totalGames += 1;
-    if (room.desyncCount != 0) {
+    if (room.match.desyncCount != 0) {
         s.desyncsPerDataset[key] += 1;
         s.desyncGames += 1;
     }

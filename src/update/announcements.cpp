@@ -2,7 +2,7 @@
 #include <filesystem>
 #include <system_error>
 
-#include "protocol/paths.h"
+#include "platform/files.h"
 #include "protocol/send.h"
 #include "update/update.h"
 
@@ -74,9 +74,8 @@ std::vector<std::string> readAnnouncements() {
     return texts;
 }
 
-void sendAnnouncements(Server&, ENetPeer* peer) {
+void sendAnnouncements(ENetPeer* peer) {
     Announcements message;
     message.texts = readAnnouncements();
-    Bytes bytes = message.encode();
-    sendBytes(peer, kEventTrackingChannel, bytes);
+    sendBytes(peer, kEventTrackingChannel, encode(message));
 }

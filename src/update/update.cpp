@@ -5,92 +5,15 @@
 #include <limits>
 #include <system_error>
 
-#include "core/peers.h"
-#include "core/server.h"
 #include "log/log.h"
-#include "platform/clock.h"
-#include "protocol/paths.h"
+#include "platform/files.h"
 #include "protocol/send.h"
-#include "stats/events.h"
 
 namespace fs = std::filesystem;
 
 namespace {
 std::string updateDataDirectory() { return dataRootPrefix() + "server_data/update_data/"; }
 }  // namespace
-
-// ---- Records -------------------------------------------------------------
-
-Bytes FileRequest::encode() const { return Writer(9 + name.size()).u32(kType).u32(secondWord).str(name).take(); }
-
-std::optional<FileRequest> FileRequest::decode(ByteView bytes) {
-    Reader r(bytes);
-    FileRequest request;
-    if (r.u32() != kType) return std::nullopt;
-    request.secondWord = r.u32();
-    request.name = r.str();
-    if (!r.ok()) return std::nullopt;
-    return request;
-}
-
-Bytes FileData::encode() const {
-    Writer w(13 + name.size() + content.size());
-    w.u32(kType).u32(secondWord).str(name).blob(content);
-    return w.take();
-}
-
-std::optional<FileData> FileData::decode(ByteView bytes) {
-    Reader r(bytes);
-    FileData data;
-    if (r.u32() != kType) return std::nullopt;
-    data.secondWord = r.u32();
-    data.name = r.str();
-    ByteView content = r.blob();
-    if (!r.ok()) return std::nullopt;
-    data.content.assign(content.begin(), content.end());
-    return data;
-}
-
-Bytes ManifestVersionNotice::encode() const {
-    Writer w(19 + version.size());
-    w.u32(kType).u32(secondWord).str("").str("").u32(0).u32(kEventType).str(version);
-    return w.take();
-}
-
-std::optional<ManifestVersionNotice> ManifestVersionNotice::decode(ByteView bytes) {
-    Reader r(bytes);
-    ManifestVersionNotice notice;
-    if (r.u32() != kType) return std::nullopt;
-    notice.secondWord = r.u32();
-    std::string playerName = r.str();
-    std::string dataset = r.str();
-    std::uint32_t checksum = r.u32();
-    std::uint32_t eventType = r.u32();
-    notice.version = r.str();
-    if (!r.ok() || !playerName.empty() || !dataset.empty() || checksum != 0 || eventType != kEventType)
-        return std::nullopt;
-    return notice;
-}
-
-Bytes Announcements::encode() const {
-    std::size_t size = 12;
-    for (const auto& t : texts) size += t.size() + 1;
-    Writer w(size);
-    w.u32(kType).u32(secondWord).u32(static_cast<std::uint32_t>(texts.size()));
-    for (const auto& t : texts) w.str(t);
-    return w.take();
-}
-
-std::optional<Announcements> Announcements::decode(ByteView bytes) {
-    Reader r(bytes);
-    Announcements message;
-    if (r.u32() != kType) return std::nullopt;
-    message.secondWord = r.u32();
-    std::uint32_t count = r.count(1);
-    for (std::uint32_t i = 0; i < count && r.ok(); ++i) message.texts.push_back(r.str());
-    if (!r.ok()) return std::nullopt;
-    return message;
-}
 
 // ---- Manifest version -------------------------------------------------------
 
@@ -113,11 +36,11 @@ std::int32_t readManifestVersion() {
     return version < 0 ? kDefaultManifestVersion : version;
 }
 
-void sendManifestVersion(Server&, ENetPeer* peer) {
-    ManifestVersionNotice notice;
-    notice.version = std::to_string(readManifestVersion());
-    Bytes bytes = notice.encode();
-    sendBytes(peer, kEventTrackingChannel, bytes);
+void sendManifestVersion(ENetPeer* peer) {
+    TrackEvent notice;
+    notice.eventType = 1;
+    notice.additionalEventData = std::to_string(readManifestVersion());
+    sendBytes(peer, kEventTrackingChannel, encode(notice));
 }
 
 // ---- File delivery ------------------------------------------------------------
@@ -154,10 +77,8 @@ void sendFile(ENetPeer* peer, std::string name) {
     if (!isAcceptableUpdateFileName(reply.name)) {
         // Refused names get the same answer as a missing file (length 0) and
         // one error line; the file system is not touched for them at all.
-        const auto* info = static_cast<const PeerInfo*>(peer->data);
-        PeerInfo shown = info ? *info : makePeerInfo(peer->address);
-        logError("|||| Refused file request \"" + reply.name + "\" from " + peerAddressText(shown));
-        sendBytes(peer, kFileUpdateChannel, reply.encode());
+        logError("|||| Refused file request \"" + reply.name + "\" from " + peerAddressText(peer));
+        sendBytes(peer, kFileUpdateChannel, encode(reply));
         return;
     }
 
@@ -179,36 +100,5 @@ void sendFile(ENetPeer* peer, std::string name) {
             std::fclose(f);
         }
     }
-    Bytes bytes = reply.encode();
-    sendBytes(peer, kFileUpdateChannel, bytes);
-}
-
-void handleFileUpdate(Server& server, ENetPeer* peer, ByteView packet) {
-    std::uint32_t type = 0;
-    if (!readMessageType(packet, type)) {
-        logMalformed("file update message", kFileUpdateChannel, packet.size());
-        return;
-    }
-    switch (type) {
-        case 1:
-            // Only the type word of a ManifestRequest is read.
-            recordEvent(server, 3, "__SERVER__", 0, "", 0, "", static_cast<std::uint32_t>(unixNow()));
-            sendFile(peer, kManifestName);
-            break;
-        case FileRequest::kType: {
-            auto request = FileRequest::decode(packet);
-            if (!request) {
-                logMalformed("file request", kFileUpdateChannel, packet.size());
-                return;
-            }
-            sendFile(peer, std::move(request->name));
-            break;
-        }
-        case FileData::kType:
-            logError("???? server should not be receiving file responses");
-            break;
-        default:
-            logError("|||| Unknown file update message " + std::to_string(type) + ". Nothing to do with it");
-            break;
-    }
+    sendBytes(peer, kFileUpdateChannel, encode(reply));
 }

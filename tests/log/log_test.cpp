@@ -10,7 +10,7 @@
 #include <thread>
 
 #include "log/log.h"
-#include "protocol/paths.h"
+#include "platform/files.h"
 #include "support/files.h"
 
 namespace fs = std::filesystem;

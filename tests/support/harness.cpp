@@ -1,12 +1,25 @@
 #include "support/harness.h"
 
 #include <cstring>
+#include <fstream>
+#include <sstream>
 #include <utility>
 
-#include "core/dispatch.h"
-#include "core/peers.h"
+#include "app/dispatch.h"
+#include "app/invariants.h"
+#include "app/peers.h"
+#include "app/service.h"
+#include "lobby/lobby.h"
 #include "log/log.h"
+#include "platform/clock.h"
+#include "platform/files.h"
 #include "protocol/send.h"
+
+void PrintTo(const Sent& s, std::ostream* os) {
+    *os << "{peer " << s.peer << ", channel " << int(s.channel) << ", " << s.bytes.size() << " bytes:";
+    for (std::uint8_t b : s.bytes) *os << ' ' << int(b);
+    *os << '}';
+}
 
 Harness::Harness(std::size_t peerCount) {
     for (std::size_t i = 0; i < peerCount; ++i) {
@@ -17,9 +30,12 @@ Harness::Harness(std::size_t peerCount) {
         p->address.port = static_cast<enet_uint16>(5000 + i);
         peers_.push_back(std::move(p));
     }
-    setPacketRecorder([this](ENetPeer* peer, std::uint8_t channel, ByteView bytes) {
-        sent_.push_back(SentPacket{peer, channel, Bytes(bytes.begin(), bytes.end())});
+    setPacketRecorder([this](ENetPeer* to, std::uint8_t channel, ByteView bytes) {
+        std::size_t i = 0;
+        while (i < peers_.size() && peers_[i].get() != to) ++i;
+        sent_.push_back(Sent{i, channel, Bytes(bytes.begin(), bytes.end())});
     });
+    resetGlobalGenerator();
     takeQueuedLogTexts();
 }
 
@@ -32,29 +48,89 @@ Harness::~Harness() {
     takeQueuedLogTexts();
 }
 
-void Harness::connect(std::size_t i) { handleConnect(server, peer(i)); }
-void Harness::disconnect(std::size_t i) { handleDisconnect(server, peer(i)); }
+void Harness::checkInvariants() { EXPECT_EQ(brokenInvariant(server), ""); }
+
+void Harness::connect(std::size_t i) {
+    handleConnect(server, peer(i));
+    checkInvariants();
+}
+
+void Harness::disconnect(std::size_t i) {
+    handleDisconnect(server, peer(i));
+    checkInvariants();
+}
 
 void Harness::receive(std::size_t i, std::uint8_t channel, const Bytes& bytes) {
-    server.bytesReceived += static_cast<std::uint32_t>(bytes.size());
     dispatchPacket(server, peer(i), channel, ByteView(bytes));
+    checkInvariants();
 }
 
-void Harness::step() { runRoomWork(server); }
-
-std::vector<SentPacket> Harness::takeSent() { return std::exchange(sent_, {}); }
-
-std::vector<SentPacket> Harness::takeSentTo(std::size_t i) {
-    std::vector<SentPacket> mine, rest;
-    for (auto& s : sent_) (s.peer == peer(i) ? mine : rest).push_back(std::move(s));
-    sent_ = std::move(rest);
-    return mine;
+void Harness::step() {
+    runRoomWork(server);
+    checkInvariants();
 }
+
+std::vector<Sent> Harness::takeSent() { return std::exchange(sent_, {}); }
 
 std::vector<std::string> Harness::takeLogs() { return takeQueuedLogTexts(); }
+
+Room& Harness::roomOfReady(std::size_t n) {
+    for (std::size_t i = 0; i < n; ++i) connect(i);
+    lobby(0, CreateRoom{1, "", "data", 77});
+    const std::uint32_t id = server.rooms.nextRoomId - 1;
+    for (std::size_t i = 1; i < n; ++i) lobby(i, JoinRoom{1, id});
+    for (std::size_t i = 0; i < n; ++i)
+        lobby(i, setupOf(static_cast<std::uint32_t>(i), 1, "P" + std::to_string(i)));
+    takeSent();
+    takeLogs();
+    return room(id);
+}
+
+PlayerSetup setupOf(std::uint32_t slot, std::uint32_t ready, const std::string& name, std::uint32_t tag,
+                    std::uint32_t location) {
+    PlayerSetup s;
+    s.slot = slot;
+    s.ready = ready;
+    s.playerTag = tag;
+    s.startLocation = location;
+    s.playerName = name;
+    s.bytes = encode(s);
+    return s;
+}
+
+std::vector<Sent> toEach(std::initializer_list<std::size_t> peers, std::uint8_t channel, const Bytes& bytes) {
+    std::vector<Sent> out;
+    for (std::size_t p : peers) out.push_back(Sent{p, channel, bytes});
+    return out;
+}
+
+std::vector<Sent> operator+(std::vector<Sent> a, const std::vector<Sent>& b) {
+    a.insert(a.end(), b.begin(), b.end());
+    return a;
+}
 
 Bytes words(std::initializer_list<std::uint32_t> values) {
     Writer w;
     for (auto v : values) w.u32(v);
     return w.take();
+}
+
+TempDataRoot::TempDataRoot() : savedPrefix_(dataRootPrefix()) {
+    char tmpl[] = "/tmp/lockstep-unit-XXXXXX";
+    root_ = mkdtemp(tmpl);
+    setDataRootPrefix(root_.string() + "/");
+}
+
+TempDataRoot::~TempDataRoot() {
+    setDataRootPrefix(savedPrefix_);
+    setClockForTests(std::nullopt);
+    std::error_code ec;
+    std::filesystem::remove_all(root_, ec);
+}
+
+std::string readFile(const std::filesystem::path& path) {
+    std::ifstream in(path, std::ios::binary);
+    std::ostringstream out;
+    out << in.rdbuf();
+    return out.str();
 }

@@ -1,23 +1,29 @@
 #pragma once
 // The server without sockets: fake peers, packets handed straight to the
-// dispatcher, and every outgoing packet recorded.
+// dispatch table, every outgoing packet recorded, and after every event the
+// invariants the session fuzzer checks.
 
-#include <array>
+#include <gtest/gtest.h>
+
 #include <cstdint>
+#include <filesystem>
 #include <memory>
 #include <string>
 #include <vector>
 
 #include <enet/enet.h>
 
-#include "core/server.h"
-#include "protocol/wire.h"
+#include "app/server.h"
+#include "protocol/messages.h"
 
-struct SentPacket {
-    ENetPeer* peer = nullptr;
-    std::uint8_t channel = 0;
-    Bytes data;
+// One packet the server sent: to which fake peer, on which channel, what.
+struct Sent {
+    std::size_t peer;
+    std::uint8_t channel;
+    Bytes bytes;
+    bool operator==(const Sent&) const = default;
 };
+void PrintTo(const Sent& s, std::ostream* os);
 
 class Harness {
 public:
@@ -33,20 +39,47 @@ public:
     void connect(std::size_t i);
     void disconnect(std::size_t i);
     void receive(std::size_t i, std::uint8_t channel, const Bytes& bytes);
+    template <typename M>
+    void lobby(std::size_t i, const M& message) {
+        receive(i, kLobbyChannel, encode(message));
+    }
     // The per-step room work (empty-room deletion, start check, delay controller).
     void step();
 
     // Everything sent since the last take, in order.
-    std::vector<SentPacket> takeSent();
-    // Of those, what one peer got.
-    std::vector<SentPacket> takeSentTo(std::size_t i);
+    std::vector<Sent> takeSent();
     // Log texts queued since the last take.
     std::vector<std::string> takeLogs();
 
+    // Peers 0..n-1 connected, a room created by peer 0 and joined by the
+    // others, everyone named P<i> and ready; the traffic and logs taken.
+    Room& roomOfReady(std::size_t n);
+    Room& room(std::uint32_t id) { return *server.rooms.byId.at(id); }
+
 private:
+    void checkInvariants();
     std::vector<std::unique_ptr<ENetPeer>> peers_;
-    std::vector<SentPacket> sent_;
+    std::vector<Sent> sent_;
 };
 
-// Bytes from 32-bit words.
+// A player's setup as the lobby tests send it.
+PlayerSetup setupOf(std::uint32_t slot, std::uint32_t ready, const std::string& name, std::uint32_t tag = 0,
+                    std::uint32_t location = 0);
+// The same packet to each of the peers, in that order.
+std::vector<Sent> toEach(std::initializer_list<std::size_t> peers, std::uint8_t channel, const Bytes& bytes);
+std::vector<Sent> operator+(std::vector<Sent> a, const std::vector<Sent>& b);
 Bytes words(std::initializer_list<std::uint32_t> values);
+
+// An empty data root under /tmp for the test's lifetime; the previous
+// prefix and the real clock come back when it goes.
+class TempDataRoot {
+public:
+    TempDataRoot();
+    ~TempDataRoot();
+    std::filesystem::path operator/(const std::string& relative) const { return root_ / relative; }
+
+private:
+    std::string savedPrefix_;
+    std::filesystem::path root_;
+};
+std::string readFile(const std::filesystem::path& path);

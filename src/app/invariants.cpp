@@ -1,0 +1,32 @@
+#include "app/invariants.h"
+
+#include <set>
+
+std::string brokenInvariant(const Server& s) {
+    std::set<const ENetPeer*> seated;
+    for (const auto& [id, room] : s.rooms.byId) {
+        if (room == nullptr || room->id != id) return "room " + std::to_string(id) + " filed under another ID";
+        if (id >= s.rooms.nextRoomId) return "room " + std::to_string(id) + " beyond the next ID";
+        for (std::uint32_t i = 0; i < kSlotCount; ++i) {
+            const Slot& slot = room->slots[i];
+            if (slot.peer == nullptr) continue;
+            if (s.peers.count(slot.peer) == 0) return "a seated peer is not connected";
+            if (!seated.insert(slot.peer).second) return "a peer holds two seats";
+            if (slot.info == nullptr) return "a seated peer has no setup";
+            const Seat* indexed = seatOf(s.rooms, slot.peer);
+            if (indexed == nullptr || indexed->room != room.get() || indexed->slot != i)
+                return "the seat index disagrees with room " + std::to_string(id);
+        }
+        const Match& m = room->match;
+        if (room->hostSlot >= kSlotCount) return "host slot out of range";
+        if (m.orderDelay < 2 || m.orderDelay > 64) return "order delay out of range";
+        if (m.lagReports < 0 || m.lagReports > kMaxLagReports) return "lag reports out of range";
+        if (m.delayHold < 0 || m.delayHold > kMaxDelayHold) return "delay hold out of range";
+        if (room->running && !room->started) return "running before started";
+        if (room->started && room->open) return "started but open";
+    }
+    if (s.rooms.seats.size() != seated.size()) return "the seat index holds peers in no slot";
+    for (const ENetPeer* p : s.peers)
+        if (p->data == nullptr) return "a registered peer has no address record";
+    return {};
+}

@@ -1,0 +1,168 @@
+// Entry point: data root, log, ENet, the generator and the Server, then the
+// main loop until SIGINT or SIGTERM, then the orderly shutdown.
+
+#include <chrono>
+#include <cstdio>
+#include <filesystem>
+#include <memory>
+#include <string>
+#include <unistd.h>
+
+#include <enet/enet.h>
+
+#include "app/options.h"
+#include "app/pacing.h"
+#include "app/server.h"
+#include "app/service.h"
+#include "lobby/lobby.h"
+#include "log/log.h"
+#include "log/metrics.h"
+#include "platform/clock.h"
+#include "platform/console.h"
+#include "platform/metrics_http.h"
+#include "platform/notify.h"
+#include "platform/signals.h"
+#include "platform/files.h"
+#include "stats/events.h"
+#include "stats/netreport.h"
+
+namespace {
+
+void handleKey(Server& server, int key) {
+    switch (key) {
+        case 'r':
+            printNetworkReport(server.host, server.bytesReceived);
+            break;
+        case 't':
+            printLoadReport(server.rooms);
+            break;
+        case 'd':
+            dumpEvents(server.events, server.statistics, "keypress_dump");
+            break;
+        default:
+            break;
+    }
+}
+
+// Gauges for the metrics endpoint and the service manager's status line.
+void publishStatus(const Server& server, bool notify) {
+    std::uint64_t running = 0;
+    for (const auto& [id, room] : server.rooms.byId) running += room->running;
+    auto& m = metrics();
+    m.peersConnected.store(server.peers.size(), std::memory_order_relaxed);
+    m.rooms.store(server.rooms.byId.size(), std::memory_order_relaxed);
+    m.matchesRunning.store(running, std::memory_order_relaxed);
+    if (notify)
+        notifyStatus(std::to_string(server.peers.size()) + " peers, " + std::to_string(server.rooms.byId.size()) +
+                     " rooms, " + std::to_string(running) + " matches running");
+}
+
+// Instead of sleeping blindly, wait on the host's socket for at most the
+// interval: a packet that arrives during the wait is served at once rather
+// than after the rest of the sleep. Signals end the wait too.
+void waitForTraffic(Server& server, std::uint32_t intervalMs) {
+    if (server.host == nullptr) {
+        sleepMilliseconds(intervalMs);
+        return;
+    }
+    enet_uint32 condition = ENET_SOCKET_WAIT_RECEIVE | ENET_SOCKET_WAIT_INTERRUPT;
+    if (enet_socket_wait(server.host->socket, &condition, intervalMs) != 0) sleepMilliseconds(intervalMs);
+}
+
+// --data-root: the directory is the data root, so it gets the tree the
+// server expects.
+bool enterDataRoot(const std::string& dir) {
+    if (chdir(dir.c_str()) != 0) {
+        std::fprintf(stderr, "lockstep-server: cannot enter data root %s\n", dir.c_str());
+        return false;
+    }
+    std::error_code ec;
+    std::filesystem::create_directories("server_data/update_data", ec);
+    std::filesystem::create_directories("server_data/announcements", ec);
+    return true;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    installStopSignals();
+
+    Options options;
+    if (int status = parseOptions(argc, argv, options); status >= 0) return status;
+    if (options.dataRoot && !enterDataRoot(*options.dataRoot)) return 2;
+    if (options.metricsHost) {
+        std::string error;
+        if (!startMetricsEndpoint(*options.metricsHost, options.metricsPort, [] { return renderMetrics(unixNow()); }, error)) {
+            std::fprintf(stderr, "lockstep-server: %s\n", error.c_str());
+            return 2;
+        }
+        enableStepTiming();
+    }
+    metrics().startUnix.store(unixNow());
+
+    std::string rootError;
+    if (!chooseDataRoot(rootError)) {
+        std::fprintf(stderr, "lockstep-server: %s\n", rootError.c_str());
+        return 1;
+    }
+    startLog("server.log");
+    logMessage("path: " + dataRootPrefix());
+
+    if (enet_initialize() != 0) {
+        logError("An error occurred while initializing ENet");
+        stopLog();
+        return 1;
+    }
+    logMessage("Enet initialized\n");
+    resetGlobalGenerator();
+
+    auto server = std::make_unique<Server>();
+    startServer(*server);
+    beginConsoleKeys();
+    notifyReady();
+
+    using Steady = std::chrono::steady_clock;
+    auto nextPublish = Steady::now();
+    auto nextKeyRead = Steady::now();
+    unsigned publishes = 0;
+    Pacing pacing;
+    while (!quitRequested) {
+        metrics().loopWakeups.fetch_add(1, std::memory_order_relaxed);
+        bool active = serviceStep(*server);
+        if (std::uint32_t logged = advancePacing(pacing, active))
+            logMessage(" - Interval changed to " + std::to_string(logged));
+        // Keys once per 2 ms at most: the loop wakes for every packet under
+        // load, and a poll of standard input per packet would be wasted.
+        if (Steady::now() >= nextKeyRead) {
+            int key = readConsoleKey();
+            if (key >= 0) handleKey(*server, key);
+            nextKeyRead = Steady::now() + std::chrono::milliseconds(kActiveInterval);
+        }
+        if (dumpRequested) {
+            dumpRequested = 0;
+            handleKey(*server, 'd');
+        }
+        if (reportRequested) {
+            reportRequested = 0;
+            handleKey(*server, 'r');
+            handleKey(*server, 't');
+        }
+        if (Steady::now() >= nextPublish) {
+            publishStatus(*server, publishes++ % 5 == 0);
+            nextPublish = Steady::now() + std::chrono::seconds(1);
+        }
+        waitForTraffic(*server, pacing.pollInterval);
+    }
+
+    notifyStopping();
+    endConsoleKeys();
+    stopServer(*server);
+    server.reset();
+    enet_deinitialize();
+    logMessage("Enet server deinitialized");
+    sleepMilliseconds(1000);
+    logMessage("## Ending log");
+    stopLog();
+    stopMetricsEndpoint();
+    return 0;
+}

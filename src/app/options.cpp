@@ -1,0 +1,62 @@
+#include "app/options.h"
+
+#include <cstdio>
+#include <filesystem>
+
+#include <CLI/CLI.hpp>
+
+bool parseHostPort(const std::string& text, std::string& host, std::uint16_t& port) {
+    auto colon = text.rfind(':');
+    if (colon == std::string::npos || colon == 0 || colon + 1 == text.size()) return false;
+    std::string portText = text.substr(colon + 1);
+    unsigned long value = 0;
+    for (char c : portText) {
+        if (c < '0' || c > '9') return false;
+        value = value * 10 + static_cast<unsigned long>(c - '0');
+        if (value > 65535) return false;
+    }
+    if (value == 0) return false;
+    host = text.substr(0, colon);
+    if (host.size() >= 2 && host.front() == '[' && host.back() == ']') host = host.substr(1, host.size() - 2);
+    port = static_cast<std::uint16_t>(value);
+    return true;
+}
+
+int parseOptions(int argc, char** argv, Options& options) {
+    CLI::App app{"Dedicated lockstep game server: lobby, order relay, reports and update files over ENet."};
+    app.set_version_flag("--version", std::string("lockstep-server ") + LOCKSTEP_VERSION);
+    std::string dataRoot, metrics;
+    app.add_option("--data-root", dataRoot,
+                   "Directory to run in; it becomes the data root (server_data/ is created when missing)");
+    app.add_option("--metrics", metrics, "Serve Prometheus metrics over HTTP at ADDR:PORT (off by default)")
+        ->type_name("ADDR:PORT");
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::CallForHelp& e) {
+        return app.exit(e);
+    } catch (const CLI::CallForVersion& e) {
+        return app.exit(e);
+    } catch (const CLI::ParseError& e) {
+        std::fprintf(stderr, "lockstep-server: %s (see --help)\n", e.what());
+        return 2;
+    }
+    if (!dataRoot.empty()) {
+        std::error_code ec;
+        if (!std::filesystem::is_directory(dataRoot, ec)) {
+            std::fprintf(stderr, "lockstep-server: data root %s is not a directory\n", dataRoot.c_str());
+            return 2;
+        }
+        options.dataRoot = dataRoot;
+    }
+    if (!metrics.empty()) {
+        std::string host;
+        std::uint16_t port = 0;
+        if (!parseHostPort(metrics, host, port)) {
+            std::fprintf(stderr, "lockstep-server: --metrics wants ADDR:PORT, got %s\n", metrics.c_str());
+            return 2;
+        }
+        options.metricsHost = host;
+        options.metricsPort = port;
+    }
+    return -1;
+}

@@ -1,0 +1,36 @@
+#include "app/peers.h"
+
+#include "lobby/lobby.h"
+#include "log/log.h"
+#include "protocol/send.h"
+
+bool isRegistered(const Server& server, ENetPeer* peer) { return server.peers.count(peer) != 0; }
+
+void handleConnect(Server& server, ENetPeer* peer) {
+    if (isRegistered(server, peer)) {
+        logError("|||| Peer " + peerAddressText(peer) + " is already connected!");
+        return;
+    }
+    auto* info = new PeerInfo(makePeerInfo(peer->address));
+    logMessage("A new client connected from " + peerAddressText(*info));
+    peer->data = info;
+    server.peers.insert(peer);
+    logMessage(std::to_string(server.peers.size()) + " peers now");
+    // A silent client is dropped only after 40 to 240 seconds.
+    if (server.host != nullptr) enet_peer_timeout(peer, 256, 40000, 240000);
+}
+
+void handleDisconnect(Server& server, ENetPeer* peer) {
+    if (!isRegistered(server, peer)) {
+        logError("|||| Peer not connected " + std::to_string(peer->address.host) + ":" +
+                 std::to_string(peer->address.port) + "!");
+        return;
+    }
+    leaveRoom(server.rooms, peer, true);
+    auto* info = static_cast<PeerInfo*>(peer->data);
+    logMessage("Disconnected " + (info ? peerAddressText(*info) : std::string("?")));
+    delete info;
+    peer->data = nullptr;
+    server.peers.erase(peer);
+    logMessage(std::to_string(server.peers.size()) + " peers now");
+}

@@ -1,0 +1,115 @@
+#include "app/server.h"
+
+#include <cctype>
+#include <cstdio>
+#include <cstdlib>
+
+#include "log/log.h"
+#include "platform/clock.h"
+#include "platform/files.h"
+#include "protocol/send.h"
+#include "stats/netreport.h"
+
+namespace {
+
+// The leading integer of a line: blanks skipped, an optional sign, then
+// digits; no digits gives 0. Wraps like unsigned arithmetic so that only the
+// low bits matter.
+std::uint64_t leadingInteger(const std::string& line) {
+    std::size_t i = 0;
+    while (i < line.size() && std::isspace(static_cast<unsigned char>(line[i]))) ++i;
+    bool negative = false;
+    if (i < line.size() && (line[i] == '+' || line[i] == '-')) {
+        negative = line[i] == '-';
+        ++i;
+    }
+    std::uint64_t value = 0;
+    while (i < line.size() && std::isdigit(static_cast<unsigned char>(line[i]))) {
+        value = value * 10 + static_cast<std::uint64_t>(line[i] - '0');
+        ++i;
+    }
+    return negative ? ~value + 1 : value;
+}
+
+}  // namespace
+
+ServerConfig parseServerConfig(const std::string& text) {
+    std::string lines[3];
+    std::size_t pos = 0;
+    for (int n = 0; n < 3 && pos < text.size(); ++n) {
+        std::size_t end = text.find('\n', pos);
+        std::string line = text.substr(pos, end == std::string::npos ? std::string::npos : end - pos);
+        if (!line.empty() && line.back() == '\r') line.pop_back();
+        lines[n] = std::move(line);
+        pos = end == std::string::npos ? text.size() : end + 1;
+    }
+    ServerConfig config;
+    config.port = static_cast<std::uint16_t>(leadingInteger(lines[0]));
+    config.description = lines[1];
+    config.statisticsEnabled = leadingInteger(lines[2]) != 0;
+    return config;
+}
+
+ServerConfig readServerConfig() {
+    std::FILE* f = openFileForPath(dataRootPrefix() + "settings/server.config", "r");
+    if (f == nullptr) return ServerConfig{};
+    std::string text;
+    char buf[4096];
+    std::size_t n;
+    while ((n = std::fread(buf, 1, sizeof buf, f)) > 0) text.append(buf, n);
+    std::fclose(f);
+    return parseServerConfig(text);
+}
+
+void startServer(Server& server) {
+    resetStatistics(server.statistics);
+    logMessage("Server protocol version: " + std::to_string(kProtocolVersion));
+    server.eventDumpArmed = true;
+    server.bytesReceived = 0;
+    ServerConfig config = readServerConfig();
+    server.serverDescription = config.description;
+    server.statisticsEnabled = config.statisticsEnabled;
+    server.rooms.nextRoomId = 1;
+
+    ENetAddress address;
+    address.host = ENET_HOST_ANY;
+    address.port = config.port;
+    server.host = enet_host_create(&address, kMaxPeers, kChannelCount, 0, 0);
+    if (server.host == nullptr) {
+        logError("|||| An error occurred while trying to create an ENet server host.\n");
+        // Let the reason reach the log before the process ends.
+        stopLog();
+        std::exit(1);
+    }
+    // Bounds on what one peer can make the server hold: a packet (once
+    // reassembled) and the data of one peer waiting for reassembly or
+    // delivery. 32 MiB carries the largest update file and report that the
+    // protocol can describe in practice (the update service already refuses
+    // nothing smaller), and no single client can make the server buffer more.
+    server.host->maximumPacketSize = kMaximumPacketSize;
+    server.host->maximumWaitingData = kMaximumWaitingData;
+    logMessage("Enet server created at " + std::to_string(server.host->address.host) + ":" +
+               std::to_string(server.host->address.port));
+    recordEvent(server.events, 2, "__SERVER__", 0, "", 0, "", static_cast<std::uint32_t>(unixNow()));
+}
+
+void stopServer(Server& server) {
+    printNetworkReport(server.host, server.bytesReceived);
+    if (server.statisticsEnabled) dumpStatistics(server.statistics, "close");
+    server.rooms.seats.clear();
+    server.rooms.byId.clear();
+    for (ENetPeer* peer : server.peers) {
+        delete static_cast<PeerInfo*>(peer->data);
+        peer->data = nullptr;
+        enet_peer_disconnect(peer, 0);
+    }
+    if (server.host != nullptr) {
+        enet_host_flush(server.host);
+        enet_host_destroy(server.host);
+        server.host = nullptr;
+        logMessage("Enet server destroyed");
+    }
+    server.peers.clear();
+    server.events.clear();
+    server.serverDescription.clear();
+}

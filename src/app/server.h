@@ -1,0 +1,55 @@
+#pragma once
+// The composition root: the one object that owns every part of the running
+// server. Handlers are given only the parts they use.
+
+#include <array>
+#include <cstdint>
+#include <set>
+#include <string>
+#include <vector>
+
+#include <enet/enet.h>
+
+#include "lobby/room.h"
+#include "stats/events.h"
+#include "stats/statistics.h"
+
+inline constexpr std::uint16_t kDefaultPort = 1984;
+inline constexpr std::size_t kMaxPeers = 1024;
+// Per packet and per peer; see startServer.
+inline constexpr std::size_t kMaximumPacketSize = 32u * 1024 * 1024;
+inline constexpr std::size_t kMaximumWaitingData = 32u * 1024 * 1024;
+
+struct Server {
+    bool eventDumpArmed = true;
+    std::string serverDescription;
+    bool statisticsEnabled = false;
+    ServerStatistics statistics;
+    Events events;
+    ENetHost* host = nullptr;
+    // The peer registry: membership means connected and registered, each
+    // with its PeerInfo on the ENet peer's data field.
+    std::set<ENetPeer*> peers;
+    RoomRegistry rooms;
+    std::uint32_t bytesReceived = 0;
+};
+
+struct ServerConfig {
+    std::uint16_t port = kDefaultPort;
+    std::string description;
+    bool statisticsEnabled = false;
+};
+
+// Reads the three lines of a configuration text; a missing line counts as
+// an empty one.
+ServerConfig parseServerConfig(const std::string& text);
+// dataRootPrefix + "settings/server.config", or the defaults when it cannot
+// be opened.
+ServerConfig readServerConfig();
+
+// Construction: logs, reads the configuration, opens the host (the process
+// ends with status 1 when it cannot) and records the start event.
+void startServer(Server& server);
+// Destruction: network report, "close" statistics, rooms freed, peers
+// disconnected, host flushed and destroyed.
+void stopServer(Server& server);

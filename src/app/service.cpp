@@ -1,0 +1,96 @@
+#include "app/service.h"
+
+#include <chrono>
+#include <cstdio>
+
+#include "app/dispatch.h"
+#include "app/peers.h"
+#include "lobby/lobby.h"
+#include "log/metrics.h"
+#include "platform/clock.h"
+
+std::string periodicDumpName(const std::tm& local) {
+    char buf[48];
+    std::snprintf(buf, sizeof buf, "%d_%02d_%02d", local.tm_year, local.tm_mon + 1, local.tm_mday);
+    return buf;
+}
+
+void checkPeriodicDump(Server& server, const std::tm& local) {
+    int m = local.tm_min % 5;
+    if (server.eventDumpArmed && m == 1) {
+        if (!server.events.empty()) dumpEvents(server.events, server.statistics, periodicDumpName(local));
+        server.eventDumpArmed = false;
+    } else if (!server.eventDumpArmed && m == 3) {
+        server.eventDumpArmed = true;
+    }
+}
+
+void runRoomWork(Server& server) {
+    if (std::unique_ptr<Room> deleted = deleteEmptyRoom(server.rooms))
+        if (server.statisticsEnabled && deleted->running) recordFinishedGame(server.statistics, *deleted);
+    checkRoomStarts(server.rooms);
+    for (auto& [id, room] : server.rooms.byId)
+        if (room->running) adaptOrderDelay(room->match, seatPeers(*room));
+}
+
+namespace {
+// The local calendar changes once a second at most; converting the clock on
+// every wake-up would cost a time-zone lookup per packet under load.
+const std::tm& localTimeThisSecond() {
+    static std::int64_t second = -1;
+    static std::tm local{};
+    std::int64_t now = unixNow();
+    if (now != second) {
+        second = now;
+        local = localNow();
+    }
+    return local;
+}
+
+// The room work walks every room, and the order-delay controller in it counts
+// its calls (a pass every 15th, a decision every 41st pass). Its pace was set
+// by a loop that sleeps at least 2 ms per step; the loop now wakes on every
+// packet, so the room work keeps that pace at most instead of running once per
+// wake-up: a busy server would otherwise decide delays many times a second
+// and walk every room for every packet.
+bool roomWorkDue() {
+    using Clock = std::chrono::steady_clock;
+    static Clock::time_point last{};
+    Clock::time_point now = Clock::now();
+    if (now - last < std::chrono::milliseconds(kRoomWorkPeriodMs)) return false;
+    last = now;
+    return true;
+}
+}  // namespace
+
+bool serviceStep(Server& server) {
+    if (server.host == nullptr) return false;
+    checkPeriodicDump(server, localTimeThisSecond());
+
+    bool handled = false;
+    ENetEvent event;
+    while (enet_host_service(server.host, &event, 0) > 0) {
+        switch (event.type) {
+            case ENET_EVENT_TYPE_CONNECT:
+                handleConnect(server, event.peer);
+                handled = true;
+                break;
+            case ENET_EVENT_TYPE_DISCONNECT:
+                handleDisconnect(server, event.peer);
+                handled = true;
+                break;
+            case ENET_EVENT_TYPE_RECEIVE:
+                server.bytesReceived += static_cast<std::uint32_t>(event.packet->dataLength);
+                countIn(event.channelID, event.packet->dataLength);
+                dispatchPacket(server, event.peer, event.channelID,
+                               ByteView(event.packet->data, event.packet->dataLength));
+                enet_packet_destroy(event.packet);
+                handled = true;
+                break;
+            default:
+                break;
+        }
+    }
+    if (roomWorkDue()) runRoomWork(server);
+    return handled;
+}

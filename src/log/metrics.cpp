@@ -1,0 +1,112 @@
+#include "log/metrics.h"
+
+#include <chrono>
+#include <cstdio>
+
+MetricsCounters& metrics() {
+    static MetricsCounters counters;
+    return counters;
+}
+
+namespace {
+std::atomic<bool> stepTiming{false};
+}
+
+void enableStepTiming() { stepTiming.store(true); }
+bool stepTimingEnabled() { return stepTiming.load(std::memory_order_relaxed); }
+
+std::uint64_t monotonicMicros() {
+    return static_cast<std::uint64_t>(std::chrono::duration_cast<std::chrono::microseconds>(
+                                          std::chrono::steady_clock::now().time_since_epoch())
+                                          .count());
+}
+
+void observeStepCompletion(double seconds) {
+    auto& m = metrics();
+    std::size_t i = 0;
+    while (i < MetricsCounters::kStepBuckets.size() && seconds > MetricsCounters::kStepBuckets[i]) ++i;
+    m.stepBucketCounts[i].fetch_add(1, std::memory_order_relaxed);
+    m.stepSumMicros.fetch_add(static_cast<std::uint64_t>(seconds * 1e6), std::memory_order_relaxed);
+    m.stepCount.fetch_add(1, std::memory_order_relaxed);
+}
+
+namespace {
+const char* channelName(std::size_t c) {
+    static const char* names[] = {"lobby", "text", "match_control", "order", "reports", "event_tracking", "file_update", "other"};
+    return names[c];
+}
+
+void family(std::string& out, const char* name, const char* type, const char* help) {
+    out += "# HELP ";
+    out += name;
+    out += ' ';
+    out += help;
+    out += "\n# TYPE ";
+    out += name;
+    out += ' ';
+    out += type;
+    out += '\n';
+}
+
+void sample(std::string& out, const std::string& name, std::uint64_t value) {
+    out += name;
+    out += ' ';
+    out += std::to_string(value);
+    out += '\n';
+}
+
+void perChannel(std::string& out, const char* name, const char* help,
+                const std::array<std::atomic<std::uint64_t>, MetricsCounters::kChannels>& values) {
+    family(out, name, "counter", help);
+    for (std::size_t c = 0; c < values.size(); ++c)
+        sample(out, std::string(name) + "{channel=\"" + std::to_string(c < 7 ? c : 255) + "\",name=\"" +
+                        channelName(c) + "\"}",
+               values[c].load(std::memory_order_relaxed));
+}
+
+std::string number(double v) {
+    char buf[32];
+    std::snprintf(buf, sizeof buf, "%g", v);
+    return buf;
+}
+}  // namespace
+
+std::string renderMetrics(std::int64_t nowUnix) {
+    auto& m = metrics();
+    std::string out;
+    out.reserve(4096);
+    family(out, "lockstep_peers_connected", "gauge", "Registered peers.");
+    sample(out, "lockstep_peers_connected", m.peersConnected.load());
+    family(out, "lockstep_rooms", "gauge", "Rooms in the registry.");
+    sample(out, "lockstep_rooms", m.rooms.load());
+    family(out, "lockstep_matches_running", "gauge", "Rooms whose match is running.");
+    sample(out, "lockstep_matches_running", m.matchesRunning.load());
+    perChannel(out, "lockstep_messages_received_total", "Packets received, by channel.", m.messagesIn);
+    perChannel(out, "lockstep_bytes_received_total", "Packet bytes received, by channel.", m.bytesIn);
+    perChannel(out, "lockstep_messages_sent_total", "Packets sent (one per recipient), by channel.", m.messagesOut);
+    perChannel(out, "lockstep_bytes_sent_total", "Packet bytes sent (per recipient), by channel.", m.bytesOut);
+    family(out, "lockstep_malformed_dropped_total", "counter", "Messages dropped because they could not be decoded.");
+    sample(out, "lockstep_malformed_dropped_total", m.malformedDropped.load());
+    family(out, "lockstep_desyncs_total", "counter", "Desyncs declared.");
+    sample(out, "lockstep_desyncs_total", m.desyncs.load());
+    family(out, "lockstep_steps_completed_total", "counter", "Steps announced as completed.");
+    sample(out, "lockstep_steps_completed_total", m.stepsCompleted.load());
+    family(out, "lockstep_step_completion_seconds", "histogram",
+           "Time from the first step-done report of a step to its completion notice.");
+    std::uint64_t cumulative = 0;
+    for (std::size_t i = 0; i < MetricsCounters::kStepBuckets.size(); ++i) {
+        cumulative += m.stepBucketCounts[i].load();
+        sample(out, "lockstep_step_completion_seconds_bucket{le=\"" + number(MetricsCounters::kStepBuckets[i]) + "\"}",
+               cumulative);
+    }
+    cumulative += m.stepBucketCounts.back().load();
+    sample(out, "lockstep_step_completion_seconds_bucket{le=\"+Inf\"}", cumulative);
+    out += "lockstep_step_completion_seconds_sum " + number(static_cast<double>(m.stepSumMicros.load()) / 1e6) + "\n";
+    sample(out, "lockstep_step_completion_seconds_count", m.stepCount.load());
+    family(out, "lockstep_loop_wakeups_total", "counter", "Main loop iterations.");
+    sample(out, "lockstep_loop_wakeups_total", m.loopWakeups.load());
+    family(out, "lockstep_uptime_seconds", "gauge", "Seconds since the server started.");
+    std::int64_t up = nowUnix - m.startUnix.load();
+    sample(out, "lockstep_uptime_seconds", static_cast<std::uint64_t>(up > 0 ? up : 0));
+    return out;
+}

@@ -1,0 +1,48 @@
+#pragma once
+// Every file the server opens lies under the data root and goes through
+// prepareFilePath, which creates the missing directories of the path first.
+
+#include <cstdio>
+#include <string>
+
+// "./" or "../": the directory that holds server_data.
+const std::string& dataRootPrefix();
+void setDataRootPrefix(std::string prefix);
+// Picks "./" when ./server_data is a directory, else "../" when
+// ../server_data is one, else leaves the prefix as it is.
+// Returns false (with a message in errorText) when a status query fails
+// for a reason other than a missing path.
+bool chooseDataRoot(std::string& errorText);
+
+// Creates every missing directory of the part of path up to its last '/'.
+// Returns false when they cannot be created.
+bool prepareFilePath(const std::string& path);
+// prepareFilePath, then fopen; nullptr when either fails.
+std::FILE* openFileForPath(const std::string& path, const char* mode);
+
+// A file written under a temporary name in its directory and renamed into
+// place when complete, so that nobody ever reads half of it, even after a
+// crash. The rename replaces an existing file.
+class FileWriter {
+public:
+    FileWriter() = default;
+    ~FileWriter();
+    FileWriter(const FileWriter&) = delete;
+    FileWriter& operator=(const FileWriter&) = delete;
+
+    // prepareFilePath, then a temporary file beside path. With keepExisting
+    // the temporary file starts as a copy of path (for appending). False when
+    // the directories, the temporary file or the copy cannot be made, or when
+    // a directory stands where the file should go.
+    bool open(const std::string& path, bool keepExisting = false);
+    void write(const void* data, std::size_t size);
+    void write(const std::string& text) { write(text.data(), text.size()); }
+    // Flushes, closes and renames into place; false (and the temporary file
+    // removed) when any of that fails.
+    bool commit();
+
+private:
+    std::string path_;
+    std::string temp_;
+    std::FILE* file_ = nullptr;
+};

@@ -1,0 +1,227 @@
+// The dispatch table's refusals, the text relay, and the pure parts of the
+// services: configuration, pacing, the periodic dump, statistics, report
+// names, update file names and the manifest version.
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <fstream>
+
+#include "app/pacing.h"
+#include "app/service.h"
+#include "lobby/lobby.h"
+#include "platform/clock.h"
+#include "platform/files.h"
+#include "reports/reports.h"
+#include "stats/statistics.h"
+#include "support/harness.h"
+#include "update/update.h"
+
+namespace {
+std::string error(const std::string& text) { return "#### ERROR \n" + text + "\n####"; }
+}  // namespace
+
+TEST(Dispatch, EveryRefusalIsOneLineAndNothingIsSent) {
+    Harness h;
+    h.connect(0);
+    h.takeLogs();
+    const struct {
+        std::uint8_t channel;
+        Bytes packet;
+        std::string line;
+    } cases[] = {
+        {0, {1, 2, 3}, "|||| Malformed packet on channel 0, 3 bytes. Dropped"},
+        {6, {}, "|||| Malformed packet on channel 6, 0 bytes. Dropped"},
+        {1, {'a', 'b'}, "|||| Malformed text on channel 1, 2 bytes. Dropped"},
+        {0, words({2, 1}), "|||| Malformed CreateRoom on channel 0, 8 bytes. Dropped"},
+        {0, words({7, 1, 8, 0}), "|||| Malformed SlotState on channel 0, 16 bytes. Dropped"},
+        {0, words({14}), "|||| Malformed StartGame on channel 0, 4 bytes. Dropped"},
+        {4, words({1, 1}), "|||| Malformed feedback report on channel 4, 8 bytes. Dropped"},
+        {4, words({3, 1}), "|||| Malformed determinism test report on channel 4, 8 bytes. Dropped"},
+        {5, words({1, 1}), "|||| Malformed TrackEvent on channel 5, 8 bytes. Dropped"},
+        {6, words({2, 1}), "|||| Malformed file request on channel 6, 8 bytes. Dropped"},
+        {0, words({6}), "|||| Unknown lobby message 6. Nothing to do with it"},
+        {2, words({0xFFFFFFFFu}), "|||| Unknown ingame message 4294967295. Nothing to do with it"},
+        {4, words({2}), "|||| Unknown feedback message 2. Nothing to do with it"},
+        {5, words({2}), "|||| Unknown event tracking type 2. Nothing to do with it"},
+        {6, words({4}), "|||| Unknown file update message 4. Nothing to do with it"},
+        {6, words({3}), "???? server should not be receiving file responses"},
+        {7, words({1}), "|||| Channel 7. Nothing to do with it"},
+    };
+    for (const auto& c : cases) {
+        h.receive(0, c.channel, c.packet);
+        EXPECT_EQ(h.takeLogs(), std::vector<std::string>{error(c.line)});
+    }
+    h.receive(1, 0, words({10, 1, 0}));
+    EXPECT_EQ(h.takeLogs(), std::vector<std::string>{error("|||| Packet from unknown peer 10.0.0.2:5001! Ignoring!")});
+    EXPECT_TRUE(h.takeSent().empty());
+}
+
+TEST(Dispatch, TextGoesToTheSendersRoomOrToEveryoneInNoRoom) {
+    Harness h;
+    h.roomOfReady(2);
+    h.connect(2);
+    h.connect(3);
+    h.takeSent();
+    // The registry's order is the peers' own; only who gets what matters here.
+    auto sorted = [](std::vector<Sent> v) {
+        std::sort(v.begin(), v.end(), [](const Sent& a, const Sent& b) { return a.peer < b.peer; });
+        return v;
+    };
+    h.receive(1, kTextChannel, Bytes{'g', 'g', 0, 'x', 0});  // cut at the first NUL
+    EXPECT_EQ(sorted(h.takeSent()), toEach({0, 1}, kTextChannel, encode(Text{"gg"})));
+    h.receive(3, kTextChannel, encode(Text{"hi"}));
+    EXPECT_EQ(sorted(h.takeSent()), toEach({2, 3}, kTextChannel, encode(Text{"hi"})));
+}
+
+TEST(Config, LinesPortDescriptionAndStatistics) {
+    const struct {
+        const char* text;
+        unsigned port;
+        const char* description;
+        bool statistics;
+    } cases[] = {
+        {"2000 and more words\r\nMy server\r\n1\r\n", 2000, "My server", true},
+        {"", 0, "", false},
+        {"abc\n\nyes\n", 0, "", false},
+        {"70000\nd\n 7\nignored\n", 70000 & 0xFFFF, "d", true},
+        {"-1\n", 65535, "", false},
+    };
+    for (const auto& c : cases) {
+        ServerConfig config = parseServerConfig(c.text);
+        EXPECT_EQ(config.port, c.port) << c.text;
+        EXPECT_EQ(config.description, c.description) << c.text;
+        EXPECT_EQ(config.statisticsEnabled, c.statistics) << c.text;
+    }
+}
+
+TEST(Pacing, ClimbsOneMillisecondPer200IdleIterationsAndLogsMultiplesOf40) {
+    Pacing p;
+    std::vector<std::uint32_t> logged;
+    std::uint64_t iterations = 0;
+    while (p.pollInterval < kMaxInterval) {
+        if (auto v = advancePacing(p, false)) logged.push_back(v);
+        ++iterations;
+    }
+    EXPECT_EQ(iterations, 87600u);
+    EXPECT_EQ(logged, (std::vector<std::uint32_t>{40, 80, 120, 160, 200, 240, 280, 320, 360, 400}));
+    for (int i = 0; i < 400; ++i) EXPECT_EQ(advancePacing(p, false), 0u);
+    EXPECT_EQ(p.pollInterval, kMaxInterval);
+    advancePacing(p, true);
+    EXPECT_EQ(p.pollInterval, 2u);
+    EXPECT_EQ(p.idleCount, 0u);
+}
+
+TEST(PeriodicDump, DateNameAndALatchArmedAtMinute3ThatFiresAtMinute1) {
+    TempDataRoot root;
+    Harness h;
+    std::tm t{};
+    t.tm_year = 126, t.tm_mon = 2, t.tm_mday = 5;
+    EXPECT_EQ(periodicDumpName(t), "126_03_05");
+    recordEvent(h.server.events, 7, "p", 1, "d", 2, "x", 3);
+    t.tm_min = 6;
+    checkPeriodicDump(h.server, t);
+    EXPECT_TRUE(h.server.events.empty());
+    EXPECT_FALSE(h.server.eventDumpArmed);
+    EXPECT_EQ(readFile(root / "server_data/stats/126_03_05.events"),
+              "eventIndex = 0\ntype = 7\nplayerName = p\nsourceIP = 1\ndataset = d\ndatasetChecksum = 2\n"
+              "additionalEventData = x\ntimestamp = 3\n");
+    t.tm_min = 8;
+    checkPeriodicDump(h.server, t);
+    EXPECT_TRUE(h.server.eventDumpArmed);
+    t.tm_min = 11;  // armed again, but nothing to dump: the latch still closes
+    checkPeriodicDump(h.server, t);
+    EXPECT_FALSE(h.server.eventDumpArmed);
+}
+
+TEST(Statistics, OrderingFloatAveragesAndDurations) {
+    auto finished = [](std::vector<std::string> names, std::string dataset, std::uint32_t sum, std::uint32_t mode,
+                       std::uint32_t length, std::uint32_t delay, std::uint32_t desyncs) {
+        Room room;
+        room.matchPlayerNames = std::move(names);
+        room.dataset = std::move(dataset);
+        room.datasetChecksum = sum;
+        room.settings.gameMode = mode;
+        room.match.lastCompletedStep = length;
+        room.match.maxOrderDelay = delay;
+        room.match.desyncCount = desyncs;
+        return room;
+    };
+    ServerStatistics s;
+    s.periodStart = 1000;
+    // Checksum 7 named "alpha" comes after checksum 5 named "zeta"; names
+    // order byte by byte as unsigned values.
+    recordFinishedGame(s, finished({"bob", "Alice"}, "alpha", 7, 2, 1200, 0, 0));
+    recordFinishedGame(s, finished({"bo", "\xc3\x89mile", "bob"}, "zeta", 5, 0, 2400, 5, 2));
+    recordFinishedGame(s, finished({"Zed", "bob"}, "alpha", 7, 2, 599, 3, 1));
+    EXPECT_EQ(formatStatistics(s, 1000 + 86400 + 5),
+              "Stat dump after 1d 0h 0m 5s running:\n"
+              "    Total games: 3, with 2 desyncs\n"
+              "    Games per dataset:\n"
+              "        zeta(5) -> 1\n"
+              "        alpha(7) -> 2\n"
+              "    Desyncs per dataset:\n"
+              "        zeta(5) -> 1\n"
+              "        alpha(7) -> 1\n"
+              "    Gamemodes:\n"
+              "        0 -> 1\n"
+              "        2 -> 2\n"
+              "    Players:\n"
+              "        Alice -> 1\n"
+              "        Zed -> 1\n"
+              "        bo -> 1\n"
+              "        bob -> 3\n"
+              "        \xc3\x89mile -> 1\n"
+              "\n"
+              "    Average players: 2.33333, with max of 3\n"
+              // (1200 + 2400 + 599) / 3 = 1399.67 steps: 69 s after truncation
+              "    Average game length: 1m 9s, with max of 2m 0s\n"
+              "    Average max order delay: 2.66667, with max of 5\n");
+    EXPECT_EQ(formatStatistics(s, 50).rfind("Stat dump after 0s running:\n", 0), 0u);
+    const std::pair<std::uint32_t, const char*> durations[] = {
+        {59, "59s"}, {60, "1m 0s"}, {3600, "1h 0m 0s"}, {86399, "23h 59m 59s"}, {4294967295u, "49710d 6h 28m 15s"}};
+    for (const auto& [seconds, text] : durations) EXPECT_EQ(formatDuration(seconds), text) << seconds;
+}
+
+TEST(Files, WholeFilesOnlyAndSameSecondReportsGetSuffixes) {
+    TempDataRoot root;
+    const std::string path = (root / "a/b/file").string();
+    FileWriter first;
+    ASSERT_TRUE(first.open(path));
+    first.write("one");
+    EXPECT_FALSE(std::filesystem::exists(path));  // nobody sees half a file
+    ASSERT_TRUE(first.commit());
+    FileWriter appended;
+    ASSERT_TRUE(appended.open(path, true));
+    appended.write("two");
+    ASSERT_TRUE(appended.commit());
+    EXPECT_EQ(readFile(path), "onetwo");
+    std::filesystem::create_directories(path + ".dir");
+    EXPECT_FALSE(FileWriter().open(path + ".dir"));
+    EXPECT_EQ(std::distance(std::filesystem::directory_iterator(root / "a/b"), {}), 2);
+
+    const std::string stem = (root / "r/123").string();
+    EXPECT_EQ(chooseReportBase(stem, {".txt", ".jpg"}), stem);
+    std::filesystem::create_directories(root / "r");
+    std::ofstream(stem + ".jpg") << "x";
+    std::ofstream(stem + "_1.txt") << "x";
+    std::filesystem::create_directories(stem + "_2.txt");  // a directory does not take the name
+    EXPECT_EQ(chooseReportBase(stem, {".txt", ".jpg"}), stem + "_2");
+}
+
+TEST(Update, FileNamesThatCouldLeaveTheDirectoryAndTheManifestVersion) {
+    for (const char* bad : {"", "/etc/passwd", "..", "a/../../b", "a\\b", "C:x", "./", ".//."})
+        EXPECT_FALSE(isAcceptableUpdateFileName(bad)) << bad;
+    EXPECT_FALSE(isAcceptableUpdateFileName(std::string_view("a\0b", 3)));
+    for (const char* good : {"f", "dir/file.bin", "./f", "a..b", "..a/b"}) EXPECT_TRUE(isAcceptableUpdateFileName(good));
+
+    TempDataRoot root;
+    EXPECT_EQ(readManifestVersion(), 13);
+    std::filesystem::create_directories(root / "server_data/update_data");
+    const auto manifest = root / "server_data/update_data/manifest.manifest";
+    std::ofstream(manifest, std::ios::binary) << std::string("\x01\x02\x03\x04\x2A\x01\x00", 7);
+    EXPECT_EQ(readManifestVersion(), 0x12A);  // a short word reads as zeros above
+    std::ofstream(manifest, std::ios::binary) << std::string("\0\0\0\0\xFF\xFF\xFF\xFF", 8);
+    EXPECT_EQ(readManifestVersion(), 13);
+    EXPECT_EQ(textModeContent("a\r\nb\r\rc\r"), "a\nb\r\rc\r");
+}
