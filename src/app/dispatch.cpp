@@ -69,30 +69,36 @@ void onLeaveMatch(const Incoming& in, LeaveMatch&) { leaveRoom(in.server.rooms, 
 void onDelayHold(const Incoming&, const Seat& seat, DelayHold&) { holdDelay(seat.room->match); }
 void onDelayRequest(const Incoming&, const Seat& seat, DelayRequest&) { requestLongerDelay(seat.room->match); }
 void onResyncReport(const Incoming& in, const Seat& seat, ResyncReport& m) {
-    handleResyncReport(seat.room->match, seating(*seat.room), seat.slot, m, in.packet);
+    handleResyncReport(in.server.storage, seat.room->match, seating(*seat.room), seat.slot, m, in.packet);
 }
 void onOrder(const Incoming& in, const Seat& seat, Order& m) {
     handleOrder(seat.room->match, seating(*seat.room), seat.slot, m, in.packet);
 }
 
 // ---- Reports ----
-void onFeedbackReport(const Incoming& in, FeedbackReport& m) { writeFeedbackReport(in.peer, m); }
-void onDeterminismTestReport(const Incoming& in, DeterminismTestReport& m) { writeDeterminismTestReport(in.peer, m); }
+void onFeedbackReport(const Incoming& in, FeedbackReport&) {
+    fileFeedbackReport(in.server.storage, in.peer, in.packet);
+}
+void onDeterminismTestReport(const Incoming& in, DeterminismTestReport&) {
+    fileDeterminismTestReport(in.server.storage, in.peer, in.packet);
+}
 
 // ---- Event tracking and file update ----
 void onTrackEvent(const Incoming& in, TrackEvent& m) {
     recordEvent(in.server.events, m.eventType, std::move(m.playerName), in.peer->address.host, std::move(m.dataset),
                 m.datasetChecksum, std::move(m.additionalEventData), now32());
     if (m.eventType == kUpdateCheckEvent) {
-        sendManifestVersion(in.peer);
-        sendAnnouncements(in.peer);
+        sendManifestVersion(in.server.storage, in.peer);
+        sendAnnouncements(in.server.storage, in.peer);
     }
 }
 void onManifestRequest(const Incoming& in, ManifestRequest&) {
     recordEvent(in.server.events, 3, "__SERVER__", 0, "", 0, "", now32());
-    sendFile(in.peer, kManifestName);
+    sendFile(in.server.storage, in.server.downloads, in.peer, kManifestName);
 }
-void onFileRequest(const Incoming& in, FileRequest& m) { sendFile(in.peer, std::move(m.name)); }
+void onFileRequest(const Incoming& in, FileRequest& m) {
+    sendFile(in.server.storage, in.server.downloads, in.peer, std::move(m.name));
+}
 void onFileData(const Incoming&) { logError("???? server should not be receiving file responses"); }
 
 // The text and order channels carry no type word: every packet on them goes

@@ -37,7 +37,7 @@ void handleKey(Server& server, int key) {
             printLoadReport(server.rooms);
             break;
         case 'd':
-            dumpEvents(server.events, server.statistics, "keypress_dump");
+            dumpEvents(server.storage, server.events, server.statistics, "keypress_dump");
             break;
         default:
             break;
@@ -118,6 +118,12 @@ int main(int argc, char** argv) {
 
     auto server = std::make_unique<Server>();
     startServer(*server);
+    server->storage.onFull = [last = std::int64_t{-60}]() mutable {
+        if (unixNow() - last < 60) return;
+        last = unixNow();
+        logMessage("Storage queue full: the loop waits for the disk");
+    };
+    server->storage.start();
     beginConsoleKeys();
     notifyReady();
 

@@ -11,7 +11,9 @@ void handleConnect(Server& server, ENetPeer* peer) {
         logError("|||| Peer " + peerAddressText(peer) + " is already connected!");
         return;
     }
+    static std::uint64_t connections = 0;
     auto* info = new PeerInfo(makePeerInfo(peer->address));
+    info->connection = ++connections;
     logMessage("A new client connected from " + peerAddressText(*info));
     peer->data = info;
     server.peers.insert(peer);

@@ -95,7 +95,9 @@ void startServer(Server& server) {
 
 void stopServer(Server& server) {
     printNetworkReport(server.host, server.bytesReceived);
-    if (server.statisticsEnabled) dumpStatistics(server.statistics, "close");
+    if (server.statisticsEnabled) dumpStatistics(server.storage, server.statistics, "close");
+    // Every queued write lands, and is logged, before the rooms and peers go.
+    server.storage.stop();
     server.rooms.seats.clear();
     server.rooms.byId.clear();
     for (ENetPeer* peer : server.peers) {

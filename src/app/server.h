@@ -11,6 +11,8 @@
 #include <enet/enet.h>
 
 #include "lobby/room.h"
+#include "platform/storage.h"
+#include "update/downloads.h"
 #include "stats/events.h"
 #include "stats/statistics.h"
 
@@ -32,6 +34,9 @@ struct Server {
     std::set<ENetPeer*> peers;
     RoomRegistry rooms;
     std::uint32_t bytesReceived = 0;
+    // Every file written or update file read goes through here.
+    Storage storage;
+    Downloads downloads;
 };
 
 struct ServerConfig {

@@ -18,7 +18,7 @@ std::string periodicDumpName(const std::tm& local) {
 void checkPeriodicDump(Server& server, const std::tm& local) {
     int m = local.tm_min % 5;
     if (server.eventDumpArmed && m == 1) {
-        if (!server.events.empty()) dumpEvents(server.events, server.statistics, periodicDumpName(local));
+        if (!server.events.empty()) dumpEvents(server.storage, server.events, server.statistics, periodicDumpName(local));
         server.eventDumpArmed = false;
     } else if (!server.eventDumpArmed && m == 3) {
         server.eventDumpArmed = true;
@@ -91,6 +91,8 @@ bool serviceStep(Server& server) {
                 break;
         }
     }
+    handled = server.storage.poll() > 0 || handled;
+    pumpDownloads(server.downloads);
     if (roomWorkDue()) runRoomWork(server);
     return handled;
 }

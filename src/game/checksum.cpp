@@ -78,18 +78,34 @@ std::string evidenceBaseName(std::uint32_t roomId, std::uint32_t desyncCount, st
            std::to_string(desyncCount) + "_peer" + std::to_string(slot);
 }
 
-void handleResyncReport(Match& match, const Seating& seating, std::uint32_t slot, const ResyncReport& report,
-                        ByteView packet) {
-    std::string base = evidenceBaseName(seating.roomId, match.desyncCount, slot);
-    writeEvidence(base + ".world", report.world);
-    writeEvidence(base + ".log", report.log);
+void handleResyncReport(Storage& storage, Match& match, const Seating& seating, std::uint32_t slot,
+                        const ResyncReport& report, ByteView packet) {
     match.resyncPending[slot] = false;
     // Nothing marks a slot pending yet, so every report completes the resync
     // at once and reaches the players as it arrives.
-    for (bool pending : match.resyncPending)
-        if (pending) return;
-    match.resyncStep = 0xFFFFFFFFu;
-    match.orderDelay = 2;
-    match.delayHold = kMaxDelayHold;  // no lengthening until the hold has run down
-    sendToSeated(seating.peers, kMatchControlChannel, packet);
+    bool complete = true;
+    for (bool pending : match.resyncPending) complete = complete && !pending;
+    std::vector<PeerRef> players;
+    if (complete) {
+        match.resyncStep = 0xFFFFFFFFu;
+        match.orderDelay = 2;
+        match.delayHold = kMaxDelayHold;  // no lengthening until the hold has run down
+        for (ENetPeer* peer : seating.peers)
+            if (peer != nullptr) players.push_back(refOf(peer));
+    }
+    // The players hear of it once the evidence is on disk.
+    storage.submit(
+        [base = evidenceBaseName(seating.roomId, match.desyncCount, slot),
+         world = Bytes(report.world.begin(), report.world.end()), log = Bytes(report.log.begin(), report.log.end()),
+         players = std::move(players), relayed = Bytes(packet.begin(), packet.end())]() -> Storage::Completion {
+            writeEvidence(base + ".world", world);
+            writeEvidence(base + ".log", log);
+            return [players, relayed] {
+                std::vector<ENetPeer*> still;
+                for (const PeerRef& p : players)
+                    if (ENetPeer* peer = stillConnected(p)) still.push_back(peer);
+                sendBytesToMany(still.data(), still.size(), kMatchControlChannel, relayed);
+            };
+        },
+        packet.size() + report.world.size() + report.log.size());
 }

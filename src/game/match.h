@@ -11,6 +11,7 @@
 
 #include <enet/enet.h>
 
+#include "platform/storage.h"
 #include "protocol/messages.h"
 #include "protocol/send.h"
 
@@ -77,8 +78,9 @@ void handleChecksum(Match& match, const Seating& seating, std::uint32_t slot, st
 // Logs, tells the players, stops orders beyond the next step and sends the
 // resync order.
 void declareDesync(Match& match, const Seating& seating, std::uint32_t step);
-// Evidence files, then completion of the resync; packet is the report as it came.
-void handleResyncReport(Match& match, const Seating& seating, std::uint32_t slot, const ResyncReport& report,
-                        ByteView packet);
+// Evidence files (written by the storage worker), then completion of the
+// resync; packet is the report as it came.
+void handleResyncReport(Storage& storage, Match& match, const Seating& seating, std::uint32_t slot,
+                        const ResyncReport& report, ByteView packet);
 // Data root + "server_data/resyncs/room<id>_desync<count>_peer<slot>".
 std::string evidenceBaseName(std::uint32_t roomId, std::uint32_t desyncCount, std::size_t slot);

@@ -1,6 +1,8 @@
 #include "platform/files.h"
 
+#include <cerrno>
 #include <cstdlib>
+#include <fcntl.h>
 #include <filesystem>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -68,7 +70,7 @@ FileWriter::~FileWriter() {
     if (!temp_.empty()) std::remove(temp_.c_str());
 }
 
-bool FileWriter::open(const std::string& path, bool keepExisting) {
+bool FileWriter::open(const std::string& path) {
     if (!prepareFilePath(path)) return false;
     std::error_code ec;
     if (fs::is_directory(path, ec)) return false;
@@ -83,27 +85,19 @@ bool FileWriter::open(const std::string& path, bool keepExisting) {
     }
     // Files made this way get the permissions fopen would have given them.
     fchmod(fd, 0666 & ~processUmask);
-    if (keepExisting) {
-        if (std::FILE* old = std::fopen(path.c_str(), "rb")) {
-            char buf[65536];
-            std::size_t n;
-            bool ok = true;
-            while ((n = std::fread(buf, 1, sizeof buf, old)) > 0) ok = ok && std::fwrite(buf, 1, n, file_) == n;
-            std::fclose(old);
-            if (!ok) return false;
-        }
-    }
     path_ = path;
+    failed_ = false;
     return true;
 }
 
 void FileWriter::write(const void* data, std::size_t size) {
-    if (file_ != nullptr && size > 0) std::fwrite(data, 1, size, file_);
+    if (file_ == nullptr || size == 0) return;
+    if (std::fwrite(data, 1, size, file_) != size) failed_ = true;
 }
 
 bool FileWriter::commit() {
     if (file_ == nullptr) return false;
-    bool ok = std::fflush(file_) == 0 && fsync(fileno(file_)) == 0;
+    bool ok = !failed_ && std::fflush(file_) == 0 && fsync(fileno(file_)) == 0;
     ok = std::fclose(file_) == 0 && ok;
     file_ = nullptr;
     if (ok && std::rename(temp_.c_str(), path_.c_str()) == 0) {
@@ -113,4 +107,26 @@ bool FileWriter::commit() {
     std::remove(temp_.c_str());
     temp_.clear();
     return false;
+}
+
+bool appendToFile(const std::string& path, std::string_view text) {
+    if (!prepareFilePath(path)) return false;
+    int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0666);
+    if (fd < 0) return false;
+    struct stat before {};
+    bool ok = fstat(fd, &before) == 0;
+    std::size_t done = 0;
+    while (ok && done < text.size()) {
+        ssize_t n = ::write(fd, text.data() + done, text.size() - done);
+        if (n < 0 && errno == EINTR) continue;
+        if (n <= 0) ok = false;
+        else done += static_cast<std::size_t>(n);
+    }
+    ok = ok && fsync(fd) == 0;
+    // What went in of a block that did not go in whole comes out again, so a
+    // reader never meets half a block.
+    if (!ok && done > 0) {
+        if (ftruncate(fd, before.st_size) == 0) fsync(fd);
+    }
+    return ::close(fd) == 0 && ok;
 }

@@ -4,6 +4,7 @@
 
 #include <cstdio>
 #include <string>
+#include <string_view>
 
 // "./" or "../": the directory that holds server_data.
 const std::string& dataRootPrefix();
@@ -30,19 +31,23 @@ public:
     FileWriter(const FileWriter&) = delete;
     FileWriter& operator=(const FileWriter&) = delete;
 
-    // prepareFilePath, then a temporary file beside path. With keepExisting
-    // the temporary file starts as a copy of path (for appending). False when
-    // the directories, the temporary file or the copy cannot be made, or when
-    // a directory stands where the file should go.
-    bool open(const std::string& path, bool keepExisting = false);
+    // prepareFilePath, then a temporary file beside path. False when the
+    // directories or the temporary file cannot be made, or when a directory
+    // stands where the file should go.
+    bool open(const std::string& path);
     void write(const void* data, std::size_t size);
     void write(const std::string& text) { write(text.data(), text.size()); }
-    // Flushes, closes and renames into place; false (and the temporary file
-    // removed) when any of that fails.
+    // Flushes, syncs, closes and renames into place; false (and the
+    // temporary file removed) when any of that, or any write, failed.
     bool commit();
 
 private:
     std::string path_;
     std::string temp_;
     std::FILE* file_ = nullptr;
+    bool failed_ = false;
 };
+
+// Appends text to path (created when missing) and syncs it; false when that
+// could not be done whole, in which case nothing of text stays in the file.
+bool appendToFile(const std::string& path, std::string_view text);

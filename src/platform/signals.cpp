@@ -22,4 +22,7 @@ void installStopSignals() {
     install(SIGTERM, onInterrupt);
     install(SIGUSR1, onDump);
     install(SIGUSR2, onReport);
+    // A write beyond the file-size limit then fails like one on a full disk,
+    // and is handled as such, instead of ending the process.
+    install(SIGXFSZ, SIG_IGN);
 }

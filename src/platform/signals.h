@@ -9,5 +9,6 @@ extern volatile std::sig_atomic_t dumpRequested;
 // SIGUSR2: network and load report, as the 'r' and 't' keys.
 extern volatile std::sig_atomic_t reportRequested;
 
-// SIGINT and SIGTERM set quitRequested; SIGUSR1 and SIGUSR2 the other two.
+// SIGINT and SIGTERM set quitRequested; SIGUSR1 and SIGUSR2 the other two;
+// SIGXFSZ is ignored.
 void installStopSignals();

@@ -19,6 +19,41 @@ void sendBytes(ENetPeer* peer, std::uint8_t channel, ByteView bytes) {
     if (enet_peer_send(peer, channel, packet) != 0 && packet->referenceCount == 0) enet_packet_destroy(packet);
 }
 
+namespace {
+struct Owned {
+    Bytes bytes;
+    std::function<void()> released;
+};
+
+void freeOwned(ENetPacket* packet) {
+    auto* owned = static_cast<Owned*>(packet->userData);
+    std::function<void()> released = std::move(owned->released);
+    delete owned;
+    if (released) released();
+}
+}  // namespace
+
+void sendOwned(ENetPeer* peer, std::uint8_t channel, Bytes bytes, std::function<void()> released) {
+    countOut(channel, bytes.size(), 1);
+    if (recorder) {
+        recorder(peer, channel, bytes);
+        if (released) released();
+        return;
+    }
+    auto* owned = new Owned{std::move(bytes), std::move(released)};
+    ENetPacket* packet = enet_packet_create(owned->bytes.data(), owned->bytes.size(),
+                                            ENET_PACKET_FLAG_RELIABLE | ENET_PACKET_FLAG_NO_ALLOCATE);
+    if (packet == nullptr) {
+        std::function<void()> r = std::move(owned->released);
+        delete owned;
+        if (r) r();
+        return;
+    }
+    packet->userData = owned;
+    packet->freeCallback = freeOwned;
+    if (enet_peer_send(peer, channel, packet) != 0 && packet->referenceCount == 0) enet_packet_destroy(packet);
+}
+
 void sendBytesToMany(ENetPeer* const* peers, std::size_t count, std::uint8_t channel, ByteView bytes) {
     if (count == 0) return;
     countOut(channel, bytes.size(), count);
@@ -61,4 +96,14 @@ std::string peerAddressText(const PeerInfo& info) {
 std::string peerAddressText(const ENetPeer* peer) {
     const auto* info = static_cast<const PeerInfo*>(peer->data);
     return peerAddressText(info != nullptr ? *info : makePeerInfo(peer->address));
+}
+
+PeerRef refOf(ENetPeer* peer) {
+    const auto* info = static_cast<const PeerInfo*>(peer->data);
+    return PeerRef{peer, info != nullptr ? info->connection : 0};
+}
+
+ENetPeer* stillConnected(const PeerRef& ref) {
+    const auto* info = static_cast<const PeerInfo*>(ref.peer->data);
+    return info != nullptr && info->connection == ref.connection ? ref.peer : nullptr;
 }

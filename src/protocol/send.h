@@ -20,6 +20,10 @@ void setPacketRecorder(PacketRecorder recorder);
 
 void sendBytes(ENetPeer* peer, std::uint8_t channel, ByteView bytes);
 
+// Hands the bytes to ENet without copying them; released runs once ENet lets
+// go of them (delivered, or the peer gone), at once under the recorder.
+void sendOwned(ENetPeer* peer, std::uint8_t channel, Bytes bytes, std::function<void()> released);
+
 // The same bytes to several peers: one reference-counted ENet packet.
 void sendBytesToMany(ENetPeer* const* peers, std::size_t count, std::uint8_t channel, ByteView bytes);
 
@@ -31,11 +35,23 @@ using SeatPeers = std::array<ENetPeer*, kSlotCount>;
 void sendToSeated(const SeatPeers& seats, std::uint8_t channel, ByteView bytes, const ENetPeer* except = nullptr);
 void sendTextToSeated(const SeatPeers& seats, const std::string& text);
 
-// The address of a registered peer, hung on the ENet peer's data field.
+// The address of a registered peer, hung on the ENet peer's data field, and
+// the number of its connection (ENet reuses its peer records).
 struct PeerInfo {
     std::array<std::uint32_t, 4> octets{};
     std::uint32_t port = 0;
+    std::uint64_t connection = 0;
 };
+
+// A peer as work that finishes later knows it: a reply then reaches the same
+// connection or nobody.
+struct PeerRef {
+    ENetPeer* peer = nullptr;
+    std::uint64_t connection = 0;
+};
+PeerRef refOf(ENetPeer* peer);
+// The peer while it still holds that connection, else nullptr.
+ENetPeer* stillConnected(const PeerRef& ref);
 PeerInfo makePeerInfo(const ENetAddress& address);
 // "a.b.c.d:port" of the peer's record, or of its address when it has none.
 std::string peerAddressText(const PeerInfo& info);

@@ -6,6 +6,7 @@
 #include "platform/clock.h"
 #include "platform/files.h"
 #include "protocol/send.h"
+#include "platform/storage.h"
 
 namespace fs = std::filesystem;
 
@@ -72,13 +73,7 @@ std::string chooseReportBase(const std::string& stem, const std::vector<std::str
     }
 }
 
-void sendReportReply(ENetPeer* peer, std::string text) {
-    ReportReply reply;
-    reply.text = std::move(text);
-    sendBytes(peer, kReportsChannel, encode(reply));
-}
-
-void writeFeedbackReport(ENetPeer* peer, const FeedbackReport& report) {
+std::string writeFeedbackReport(const std::string& stem, const FeedbackReport& report) {
     // The decoder has refused bundles that do not hold together.
     const std::optional<SnapshotBundle> bundle = parseSnapshotBundle(report.snapshot);
     const bool hasSnapshot = !report.snapshot.empty();
@@ -93,40 +88,67 @@ void writeFeedbackReport(ENetPeer* peer, const FeedbackReport& report) {
         suffixes.push_back(".world");
     }
     if (!report.screenshot.empty()) suffixes.push_back(".jpg");
-    const std::string base = chooseReportBase(reportStem("server_data/feedback/"), suffixes);
+    const std::string base = chooseReportBase(stem, suffixes);
 
     // A feedback directory that cannot be created (a plain file in its place)
     // simply makes the first opening fail: the client gets that step's text
     // and the server carries on.
     if (!writeTextFile(base + ".txt", report.playerName, report.contactInfo, report.dataset, report.description))
-        return sendReportReply(peer, "Failed to write feedback texts");
+        return "Failed to write feedback texts";
     if (bundle) {
-        if (!writeBinaryFile(base + ".save", bundle->save))
-            return sendReportReply(peer, "Failed to write snapshot .save");
-        if (!writeBinaryFile(base + ".world", bundle->world))
-            return sendReportReply(peer, "Failed to write snapshot .world");
-        if (!bundle->log.empty() && !writeBinaryFile(base + ".log", bundle->log))
-            return sendReportReply(peer, "Failed to write .log");
+        if (!writeBinaryFile(base + ".save", bundle->save)) return "Failed to write snapshot .save";
+        if (!writeBinaryFile(base + ".world", bundle->world)) return "Failed to write snapshot .world";
+        if (!bundle->log.empty() && !writeBinaryFile(base + ".log", bundle->log)) return "Failed to write .log";
         if (!bundle->scriptLog.empty() && !writeBinaryFile(base + ".script.log", bundle->scriptLog))
-            return sendReportReply(peer, "Failed to write script .log");
+            return "Failed to write script .log";
     } else if (hasSnapshot) {
-        if (!writeBinaryFile(base + ".world", report.snapshot)) return sendReportReply(peer, "Failed to write snapshot");
+        if (!writeBinaryFile(base + ".world", report.snapshot)) return "Failed to write snapshot";
     }
     if (!report.screenshot.empty() && !writeBinaryFile(base + ".jpg", report.screenshot))
-        return sendReportReply(peer, "Failed to write screenshot");
-    sendReportReply(peer, "Feedback received succesfully! Thank you!");
+        return "Failed to write screenshot";
+    return "Feedback received succesfully! Thank you!";
 }
 
-void writeDeterminismTestReport(ENetPeer* peer, const DeterminismTestReport& report) {
+std::string writeDeterminismTestReport(const std::string& stem, const DeterminismTestReport& report) {
     std::vector<std::string> suffixes{".txt"};
     if (!report.snapshot.empty()) suffixes.push_back(".save");
     // Same-second reports get "_1", "_2", ... as for feedback (chooseReportBase).
-    const std::string base = chooseReportBase(reportStem("server_data/test_determinism/"), suffixes);
+    const std::string base = chooseReportBase(stem, suffixes);
 
     // As for feedback, a directory that cannot be created only fails the opening.
     if (!writeTextFile(base + ".txt", report.playerName, report.contactInfo, report.dataset, report.description))
-        return sendReportReply(peer, "Failed to write test texts");
+        return "Failed to write test texts";
     if (!report.snapshot.empty() && !writeBinaryFile(base + ".save", report.snapshot))
-        return sendReportReply(peer, "Failed to write test snapshot");
-    sendReportReply(peer, "Test results received succesfully! Thank you!");
+        return "Failed to write test snapshot";
+    return "Test results received succesfully! Thank you!";
+}
+
+namespace {
+
+// The report travels to the worker as the packet's bytes (the record views
+// them) and is read there again; the reply comes back to the same connection.
+template <typename M>
+void fileReport(Storage& storage, ENetPeer* peer, ByteView packet, const char* directory,
+                std::string (*write)(const std::string&, const M&)) {
+    // Named by the second the report arrived in, not the one it was written in.
+    std::string stem = reportStem(directory);
+    PeerRef to = refOf(peer);
+    auto job = [bytes = Bytes(packet.begin(), packet.end()), stem = std::move(stem), to, write]() -> Storage::Completion {
+        std::string text = write(stem, *decode<M>(bytes));
+        return [to, text = std::move(text)] {
+            if (ENetPeer* peer = stillConnected(to)) sendBytes(peer, kReportsChannel, encode(ReportReply{1, text}));
+        };
+    };
+    storage.submit(std::move(job), packet.size());
+}
+
+}  // namespace
+
+void fileFeedbackReport(Storage& storage, ENetPeer* peer, ByteView packet) {
+    fileReport<FeedbackReport>(storage, peer, packet, "server_data/feedback/", writeFeedbackReport);
+}
+
+void fileDeterminismTestReport(Storage& storage, ENetPeer* peer, ByteView packet) {
+    fileReport<DeterminismTestReport>(storage, peer, packet, "server_data/test_determinism/",
+                                      writeDeterminismTestReport);
 }

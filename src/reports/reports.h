@@ -8,6 +8,7 @@
 
 #include <enet/enet.h>
 
+#include "platform/storage.h"
 #include "protocol/messages.h"
 
 // The base name (without suffix) under which a report with these file
@@ -15,9 +16,13 @@
 // of stem + "_1", stem + "_2", ... for which none does.
 std::string chooseReportBase(const std::string& stem, const std::vector<std::string>& suffixes);
 
-void sendReportReply(ENetPeer* peer, std::string text);
+// Files the report under stem (a base name beside others of the same second
+// gets "_1", "_2", ...) and returns the text of its one reply.
+std::string writeFeedbackReport(const std::string& stem, const FeedbackReport& report);
+std::string writeDeterminismTestReport(const std::string& stem, const DeterminismTestReport& report);
 
-// File the report under server_data/feedback/ (or server_data/test_determinism/)
-// and answer the peer with one ReportReply.
-void writeFeedbackReport(ENetPeer* peer, const FeedbackReport& report);
-void writeDeterminismTestReport(ENetPeer* peer, const DeterminismTestReport& report);
+// packet is a report that decodes; it is filed under server_data/feedback/
+// (or server_data/test_determinism/) by the storage worker, and the peer, if
+// still connected, gets the one ReportReply.
+void fileFeedbackReport(Storage& storage, ENetPeer* peer, ByteView packet);
+void fileDeterminismTestReport(Storage& storage, ENetPeer* peer, ByteView packet);

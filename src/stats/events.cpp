@@ -26,24 +26,29 @@ std::string formatEvents(const std::vector<TrackedEvent>& events) {
     return out;
 }
 
-void dumpEvents(Events& events, ServerStatistics& statistics, const std::string& name) {
+void dumpEvents(Storage& storage, Events& events, ServerStatistics& statistics, const std::string& name) {
     logMessage("Dumping stats to " + name);
     const std::string base = dataRootPrefix() + "server_data/stats/" + name;
-    dumpStatistics(statistics, base);
+    dumpStatistics(storage, statistics, base);
 
-    const std::string path = base + ".events";
-    // Appended through a whole copy renamed into place: a file that cannot be
-    // taken keeps the events for the next dump, as one that cannot be opened.
-    FileWriter out;
-    if (!out.open(path, true)) {
-        logMessage("Failed to dump events to " + path);
-        return;
-    }
-    out.write(formatEvents(events));
-    if (!out.commit()) {
-        logMessage("Failed to dump events to " + path);
-        return;
-    }
+    // The events go with the job and come back if they could not be written
+    // whole, ahead of those recorded meanwhile, for the next dump.
+    std::size_t size = 0;
+    for (const TrackedEvent& e : events) size += 64 + e.playerName.size() + e.dataset.size() + e.additionalEventData.size();
+    storage.submit(
+        [&events, path = base + ".events", taken = std::move(events)]() mutable -> Storage::Completion {
+            bool written = appendToFile(path, formatEvents(taken));
+            if (written) taken.clear();
+            return [&events, path, written, taken = std::move(taken)]() mutable {
+                if (!written) {
+                    events.insert(events.begin(), std::make_move_iterator(taken.begin()),
+                                  std::make_move_iterator(taken.end()));
+                    logMessage("Failed to dump events to " + path);
+                    return;
+                }
+                logMessage("Dumped events to " + path);
+            };
+        },
+        size);
     events.clear();
-    logMessage("Dumped events to " + path);
 }

@@ -27,6 +27,8 @@ void recordEvent(Events& events, std::uint32_t type, std::string playerName, std
 // The eight lines of each event, eventIndex counted from 0.
 std::string formatEvents(const std::vector<TrackedEvent>& events);
 
-// Writes the statistics block and the events under
-// server_data/stats/<name>, then empties the events.
-void dumpEvents(Events& events, ServerStatistics& statistics, const std::string& name);
+// Appends the statistics block and the events under server_data/stats/<name>
+// through the storage worker and empties the events; events that could not
+// be written come back for the next dump. events must outlive the storage's
+// work.
+void dumpEvents(Storage& storage, Events& events, ServerStatistics& statistics, const std::string& name);

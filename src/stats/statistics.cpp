@@ -103,16 +103,16 @@ std::string formatStatistics(const ServerStatistics& s, std::int64_t now) {
     return out;
 }
 
-void dumpStatistics(ServerStatistics& statistics, const std::string& path) {
-    const std::string file = path + ".serverstats";
-    // Appended through a whole copy renamed into place, so that a reader (or
-    // a crash) never meets half a block.
-    FileWriter out;
-    bool written = out.open(file, true);
-    if (written) {
-        out.write(formatStatistics(statistics, unixNow()));
-        written = out.commit();
-    }
-    logMessage((written ? "Dumped stats to " : "Failed to dump stats to ") + file);
+void dumpStatistics(Storage& storage, ServerStatistics& statistics, const std::string& path) {
+    std::string file = path + ".serverstats";
+    std::string block = formatStatistics(statistics, unixNow());
     resetStatistics(statistics);
+    const std::size_t size = block.size();
+    // Appended in one piece, so that a reader (or a crash) never meets half a block.
+    storage.submit(
+        [file = std::move(file), block = std::move(block)]() -> Storage::Completion {
+            bool written = appendToFile(file, block);
+            return [file, written] { logMessage((written ? "Dumped stats to " : "Failed to dump stats to ") + file); };
+        },
+        size);
 }

@@ -6,6 +6,8 @@
 #include <string>
 #include <utility>
 
+#include "platform/storage.h"
+
 struct Room;
 
 // (datasetChecksum, dataset): ordered by checksum, then by name byte by byte.
@@ -31,7 +33,8 @@ void resetStatistics(ServerStatistics& statistics);
 void recordFinishedGame(ServerStatistics& statistics, const Room& room);
 // The block a dump appends, with its first line measured up to now.
 std::string formatStatistics(const ServerStatistics& statistics, std::int64_t now);
-// Appends a block to path + ".serverstats", then resets.
-void dumpStatistics(ServerStatistics& statistics, const std::string& path);
+// Takes the block and resets; the storage worker appends it to
+// path + ".serverstats" and the loop logs the outcome.
+void dumpStatistics(Storage& storage, ServerStatistics& statistics, const std::string& path);
 // "1d 2h 3m 4s", leading zero units left out: 0s, 1m 0s, 1h 0m 0s.
 std::string formatDuration(std::uint32_t seconds);

@@ -74,8 +74,12 @@ std::vector<std::string> readAnnouncements() {
     return texts;
 }
 
-void sendAnnouncements(ENetPeer* peer) {
-    Announcements message;
-    message.texts = readAnnouncements();
-    sendBytes(peer, kEventTrackingChannel, encode(message));
+void sendAnnouncements(Storage& storage, ENetPeer* peer) {
+    storage.submit([to = refOf(peer)]() -> Storage::Completion {
+        Announcements message;
+        message.texts = readAnnouncements();
+        return [to, bytes = encode(message)] {
+            if (ENetPeer* peer = stillConnected(to)) sendBytes(peer, kEventTrackingChannel, bytes);
+        };
+    });
 }

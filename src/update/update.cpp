@@ -8,6 +8,7 @@
 #include "log/log.h"
 #include "platform/files.h"
 #include "protocol/send.h"
+#include "update/downloads.h"
 
 namespace fs = std::filesystem;
 
@@ -36,11 +37,15 @@ std::int32_t readManifestVersion() {
     return version < 0 ? kDefaultManifestVersion : version;
 }
 
-void sendManifestVersion(ENetPeer* peer) {
-    TrackEvent notice;
-    notice.eventType = 1;
-    notice.additionalEventData = std::to_string(readManifestVersion());
-    sendBytes(peer, kEventTrackingChannel, encode(notice));
+void sendManifestVersion(Storage& storage, ENetPeer* peer) {
+    storage.submit([to = refOf(peer)]() -> Storage::Completion {
+        TrackEvent notice;
+        notice.eventType = 1;
+        notice.additionalEventData = std::to_string(readManifestVersion());
+        return [to, bytes = encode(notice)] {
+            if (ENetPeer* peer = stillConnected(to)) sendBytes(peer, kEventTrackingChannel, bytes);
+        };
+    });
 }
 
 // ---- File delivery ------------------------------------------------------------
@@ -70,35 +75,40 @@ bool isAcceptableUpdateFileName(std::string_view name) {
     }
 }
 
-void sendFile(ENetPeer* peer, std::string name) {
+Bytes readFileData(const std::string& name) {
     FileData reply;
-    reply.name = std::move(name);
-
-    if (!isAcceptableUpdateFileName(reply.name)) {
-        // Refused names get the same answer as a missing file (length 0) and
-        // one error line; the file system is not touched for them at all.
-        logError("|||| Refused file request \"" + reply.name + "\" from " + peerAddressText(peer));
-        sendBytes(peer, kFileUpdateChannel, encode(reply));
-        return;
-    }
-
-    const std::string path = updateDataDirectory() + reply.name;
+    reply.name = name;
+    Bytes message = encode(reply);
+    const std::size_t headerSize = message.size();
+    const std::string path = updateDataDirectory() + name;
     std::error_code ec;
     std::uintmax_t size = fs::file_size(path, ec);
     // A missing file, a directory, and a size the 32-bit length field cannot
     // carry all count as size 0: nothing is opened.
     if (ec || size > static_cast<std::uintmax_t>(std::numeric_limits<std::int32_t>::max())) size = 0;
+    if (size == 0) return message;
+    std::FILE* f = openFileForPath(path, "rb");
+    if (f == nullptr) return message;
+    // Read straight into the message, so the file is held once. A file that
+    // shrank or fails to read is sent as far as it was read: the length
+    // always equals the bytes that follow it, and no unread memory leaves.
+    message.resize(headerSize + size);
+    std::size_t got = std::fread(message.data() + headerSize, 1, size, f);
+    std::fclose(f);
+    message.resize(headerSize + got);
+    const auto length = static_cast<std::uint32_t>(got);
+    for (int i = 0; i < 4; ++i) message[headerSize - 4 + i] = static_cast<std::uint8_t>(length >> (8 * i));
+    return message;
+}
 
-    if (size != 0) {
-        if (std::FILE* f = openFileForPath(path, "rb")) {
-            reply.content.resize(size);
-            // A file that shrank or fails to read is sent as far as it was
-            // read: the length always equals the bytes that follow it, and no
-            // unread memory ever leaves. One that can't be opened gets length 0.
-            std::size_t got = std::fread(reply.content.data(), 1, reply.content.size(), f);
-            reply.content.resize(got);
-            std::fclose(f);
-        }
-    }
-    sendBytes(peer, kFileUpdateChannel, encode(reply));
+void sendFile(Storage& storage, Downloads& downloads, ENetPeer* peer, std::string name) {
+    const bool refused = !isAcceptableUpdateFileName(name);
+    // Refused names get the same answer as a missing file (length 0) and one
+    // error line; the file system is not touched for them at all. Their
+    // answer still queues behind the peer's earlier ones.
+    if (refused) logError("|||| Refused file request \"" + name + "\" from " + peerAddressText(peer));
+    storage.submit([&downloads, to = refOf(peer), name = std::move(name), refused]() -> Storage::Completion {
+        Bytes message = refused ? encode(FileData{1, name, {}}) : readFileData(name);
+        return [&downloads, to, message = std::move(message)]() mutable { queueFileData(downloads, to, std::move(message)); };
+    });
 }

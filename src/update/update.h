@@ -9,6 +9,10 @@
 
 #include <enet/enet.h>
 
+#include "platform/storage.h"
+#include "protocol/wire.h"
+#include "update/downloads.h"
+
 inline constexpr std::int32_t kDefaultManifestVersion = 13;
 inline constexpr char kManifestName[] = "manifest.manifest";
 
@@ -26,8 +30,13 @@ std::vector<std::string> readAnnouncements();
 // "\r\n" becomes "\n"; nothing else changes.
 std::string textModeContent(std::string_view raw);
 
-// The manifest version as a TrackEvent of event type 1, on channel 5.
-void sendManifestVersion(ENetPeer* peer);
-void sendAnnouncements(ENetPeer* peer);
-// The named file of the update data directory, as FileData on channel 6.
-void sendFile(ENetPeer* peer, std::string name);
+// The manifest version as a TrackEvent of event type 1, on channel 5, read
+// by the storage worker.
+void sendManifestVersion(Storage& storage, ENetPeer* peer);
+void sendAnnouncements(Storage& storage, ENetPeer* peer);
+// The whole FileData message of the named file of the update data directory
+// (length 0 when it cannot be read), built in one buffer.
+Bytes readFileData(const std::string& name);
+// The named file, read by the storage worker, as FileData on channel 6
+// through the download pacing.
+void sendFile(Storage& storage, Downloads& downloads, ENetPeer* peer, std::string name);

@@ -191,13 +191,11 @@ TEST(Files, WholeFilesOnlyAndSameSecondReportsGetSuffixes) {
     first.write("one");
     EXPECT_FALSE(std::filesystem::exists(path));  // nobody sees half a file
     ASSERT_TRUE(first.commit());
-    FileWriter appended;
-    ASSERT_TRUE(appended.open(path, true));
-    appended.write("two");
-    ASSERT_TRUE(appended.commit());
+    ASSERT_TRUE(appendToFile(path, "two"));
     EXPECT_EQ(readFile(path), "onetwo");
     std::filesystem::create_directories(path + ".dir");
     EXPECT_FALSE(FileWriter().open(path + ".dir"));
+    EXPECT_FALSE(appendToFile(path + ".dir", "x"));
     EXPECT_EQ(std::distance(std::filesystem::directory_iterator(root / "a/b"), {}), 2);
 
     const std::string stem = (root / "r/123").string();
