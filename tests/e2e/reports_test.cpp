@@ -2,6 +2,8 @@
 // filed byte for byte and thanked, every failure answered with its text, and
 // report directories that cannot be made.
 
+#include <sys/resource.h>
+
 #include "support/e2e_support.h"
 
 namespace fs = std::filesystem;
@@ -108,6 +110,11 @@ TEST(ReportsBinary, EveryShapeFiledByteForByteEveryFailureAnsweredAndNothingLogg
             fs::create_directories(data / c.dir / (std::to_string(t) + c.blocked));
         EXPECT_EQ(file(client, c.report, data / c.dir), std::pair(reply(c.reply), c.files)) << c.reply << c.blocked;
     }
+    // A disk that takes 300 KB more: a 1 MiB snapshot fails and leaves nothing half written.
+    const rlimit nearlyFull{300000, 300000};
+    ASSERT_EQ(prlimit(server.pid(), RLIMIT_FSIZE, &nearlyFull, nullptr), 0);
+    EXPECT_EQ(file(client, feedback(Bytes(1 << 20, 7)), data / "feedback"),
+              std::pair(reply("Failed to write snapshot"), Files{{".txt", texts}}));
     EXPECT_EQ(server.stop(), 0);
     EXPECT_EQ(server.log().find("####"), std::string::npos) << "reports are not logged";
 }
