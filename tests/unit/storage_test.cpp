@@ -29,7 +29,7 @@ TEST(Storage, CompletionsComeBackInOrderAndAFullQueueWaitsInsteadOfDropping) {
     };
     for (int i = 1; i <= static_cast<int>(Storage::kMaxJobs) + 1; ++i)
         storage.submit([&order, i]() -> Storage::Completion { return [&order, i] { order.push_back(i); }; });
-    EXPECT_EQ(waits, 1);
+    EXPECT_GE(waits, 1);  // once at least: the worker may not have taken the first job yet
     storage.stop();  // drains: every completion has run
     ASSERT_EQ(order.size(), Storage::kMaxJobs + 2);
     for (std::size_t i = 0; i < order.size(); ++i) ASSERT_EQ(order[i], static_cast<int>(i));
