@@ -6,11 +6,14 @@
 // with that type word; the others (the text channel's) have no header.
 //
 // A description may also state a check on values it has read
-// (`f.check(...)`): a decode whose check fails is as malformed as one that
-// runs past the packet. Writing and measuring ignore checks.
+// (`f.check(...)`), and caps on the length of a string and the count of a
+// list: a decode whose check or cap fails is as malformed as one that runs
+// past the packet, and a string over its cap is never copied. Writing and
+// measuring ignore checks and caps.
 
 #include <cstddef>
 #include <cstdint>
+#include <limits>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -18,6 +21,8 @@
 #include <vector>
 
 #include "protocol/wire.h"
+
+inline constexpr std::size_t kUncapped = std::numeric_limits<std::size_t>::max();
 
 class FieldReader {
 public:
@@ -27,8 +32,15 @@ public:
     }
     void u32(std::uint32_t& v) { v = r_.u32(); }
     void u8(std::uint8_t& v) { v = r_.u8(); }
-    void str(std::string& s) { s = r_.str(); }
-    void str(std::string_view& s) { s = r_.strView(); }
+    void str(std::string& s, std::size_t cap = kUncapped) {
+        std::string_view v = r_.strView();
+        if (v.size() > cap) r_.fail();
+        if (r_.ok()) s.assign(v);
+    }
+    void str(std::string_view& s, std::size_t cap = kUncapped) {
+        s = r_.strView();
+        if (s.size() > cap) r_.fail();
+    }
     void blob(ByteView& b) { b = r_.blob(); }
     void blob(Bytes& b) {
         ByteView v = r_.blob();
@@ -42,8 +54,10 @@ public:
     // A counted list whose elements take at least minElementSize bytes each,
     // so a count can never make the decoder reserve what the packet lacks.
     template <typename T, typename Each>
-    void list(std::vector<T>& v, std::size_t minElementSize, Each each) {
+    void list(std::vector<T>& v, std::size_t minElementSize, Each each, std::size_t maxCount = kUncapped) {
         std::uint32_t n = r_.count(minElementSize);
+        if (n > maxCount) r_.fail();
+        if (!r_.ok()) return;
         v.clear();
         v.reserve(n);
         for (std::uint32_t i = 0; i < n && r_.ok(); ++i) each(*this, v.emplace_back());
@@ -64,11 +78,11 @@ public:
     void type(std::uint32_t t) { w_.u32(t); }
     void u32(std::uint32_t v) { w_.u32(v); }
     void u8(std::uint8_t v) { w_.u8(v); }
-    void str(std::string_view s) { w_.str(s); }
+    void str(std::string_view s, std::size_t = kUncapped) { w_.str(s); }
     void blob(ByteView b) { w_.blob(b); }
     void words(ByteView w) { w_.u32(static_cast<std::uint32_t>(w.size() / 4)).bytes(w); }
     template <typename T, typename Each>
-    void list(const std::vector<T>& v, std::size_t, Each each) {
+    void list(const std::vector<T>& v, std::size_t, Each each, std::size_t = kUncapped) {
         w_.u32(static_cast<std::uint32_t>(v.size()));
         for (const T& e : v) each(*this, e);
     }
@@ -85,11 +99,11 @@ public:
     void type(std::uint32_t) { n_ += 4; }
     void u32(std::uint32_t) { n_ += 4; }
     void u8(std::uint8_t) { n_ += 1; }
-    void str(std::string_view s) { n_ += s.size() + 1; }
+    void str(std::string_view s, std::size_t = kUncapped) { n_ += s.size() + 1; }
     void blob(ByteView b) { n_ += 4 + b.size(); }
     void words(ByteView w) { n_ += 4 + w.size(); }
     template <typename T, typename Each>
-    void list(const std::vector<T>& v, std::size_t, Each each) {
+    void list(const std::vector<T>& v, std::size_t, Each each, std::size_t = kUncapped) {
         n_ += 4;
         for (const T& e : v) each(*this, e);
     }

@@ -32,6 +32,18 @@ inline constexpr std::size_t kChannelCount = 7;
 // A room has slots 0..7; a message naming another slot is malformed.
 inline constexpr std::uint32_t kSlotCount = 8;
 
+// Caps on what a client sends, far above what any real client sends; a
+// message over one is malformed. They bound what a room keeps for its
+// lifetime (names, setups), what every room list and join repeats to each
+// requester, and what a dump or a report file takes per event or report.
+// Orders and blobs are not capped here: orders are relayed as they came and
+// kept by nobody, and blobs are bounded by the packet size.
+inline constexpr std::size_t kMaxNameLength = 1024;         // names, datasets, contact infos
+inline constexpr std::size_t kMaxTextLength = 16384;        // chat texts, event data
+inline constexpr std::size_t kMaxDescriptionLength = 65536;  // a report's description
+inline constexpr std::size_t kMaxFileNameLength = 4096;     // the longest path Linux opens
+inline constexpr std::size_t kMaxClientEntries = 64;        // client pairs and strings of a setup
+
 // The header of most messages: the type word (written by describe) and a
 // second word that the server writes as 1 and never examines.
 #define LOCKSTEP_MESSAGE(TypeWord, Name)            \
@@ -70,7 +82,8 @@ struct CreateRoom {
     std::uint32_t datasetChecksum = 0;
     template <typename F, typename M>
     static void fields(F& f, M& m) {
-        f.u32(m.secondWord), f.str(m.name), f.str(m.dataset), f.u32(m.datasetChecksum);
+        f.u32(m.secondWord), f.str(m.name, kMaxNameLength), f.str(m.dataset, kMaxNameLength);
+        f.u32(m.datasetChecksum);
     }
 };
 
@@ -106,9 +119,11 @@ struct PlayerSetup {
     static void fields(F& f, M& m) {
         f.u32(m.secondWord), f.u32(m.slot), f.check([&] { return m.slot < kSlotCount; });
         f.u32(m.ready), f.u32(m.playerTag), f.u32(m.startLocation);
-        f.u32(m.clientValue1), f.u32(m.clientValue2), f.u32(m.clientValue3), f.str(m.playerName);
-        f.list(m.clientPairs, 5, [](auto& g, auto& pair) { g.u32(pair.first), g.str(pair.second); });
-        f.list(m.clientStrings, 1, [](auto& g, auto& text) { g.str(text); });
+        f.u32(m.clientValue1), f.u32(m.clientValue2), f.u32(m.clientValue3), f.str(m.playerName, kMaxNameLength);
+        f.list(
+            m.clientPairs, 5, [](auto& g, auto& pair) { g.u32(pair.first), g.str(pair.second, kMaxNameLength); },
+            kMaxClientEntries);
+        f.list(m.clientStrings, 1, [](auto& g, auto& text) { g.str(text, kMaxNameLength); }, kMaxClientEntries);
     }
 };
 
@@ -217,7 +232,7 @@ struct GameSettings {
     Bytes bytes;
     template <typename F, typename M>
     static void fields(F& f, M& m) {
-        f.u32(m.secondWord), f.u32(m.gameMode), f.str(m.mapName), f.u32(m.startLocations);
+        f.u32(m.secondWord), f.u32(m.gameMode), f.str(m.mapName, kMaxNameLength), f.u32(m.startLocations);
         f.u32(m.settingsValue1), f.u32(m.settingsValue2);
     }
 };
@@ -238,7 +253,7 @@ struct Text {
     std::string text;
     template <typename F, typename M>
     static void fields(F& f, M& m) {
-        f.str(m.text);
+        f.str(m.text, kMaxTextLength);
     }
 };
 
@@ -355,6 +370,13 @@ std::optional<SnapshotBundle> parseSnapshotBundle(ByteView snapshot);
 // A bundle with the plain "COMBOSAVE" header (clients and tests).
 Bytes encodeSnapshotBundle(ByteView save, ByteView world, ByteView log, ByteView scriptLog);
 
+// The header word and the four texts both report kinds start with.
+template <typename F, typename M>
+void reportTexts(F& f, M& m) {
+    f.u32(m.secondWord), f.str(m.playerName, kMaxNameLength), f.str(m.contactInfo, kMaxNameLength);
+    f.str(m.dataset, kMaxNameLength), f.str(m.description, kMaxDescriptionLength);
+}
+
 // Views the packet. A snapshot that is a bundle must hold together: one that
 // does not makes the report malformed, so no file of it is ever written.
 struct FeedbackReport {
@@ -367,8 +389,7 @@ struct FeedbackReport {
     ByteView screenshot;  // empty: none
     template <typename F, typename M>
     static void fields(F& f, M& m) {
-        f.u32(m.secondWord), f.str(m.playerName), f.str(m.contactInfo), f.str(m.dataset), f.str(m.description);
-        f.blob(m.snapshot), f.blob(m.screenshot);
+        reportTexts(f, m), f.blob(m.snapshot), f.blob(m.screenshot);
         f.check([&] { return !isSnapshotBundle(m.snapshot) || parseSnapshotBundle(m.snapshot).has_value(); });
     }
 };
@@ -392,8 +413,7 @@ struct DeterminismTestReport {
     ByteView snapshot;  // empty: none
     template <typename F, typename M>
     static void fields(F& f, M& m) {
-        f.u32(m.secondWord), f.str(m.playerName), f.str(m.contactInfo), f.str(m.dataset), f.str(m.description);
-        f.blob(m.snapshot);
+        reportTexts(f, m), f.blob(m.snapshot);
     }
 };
 
@@ -410,8 +430,8 @@ struct TrackEvent {
     std::string additionalEventData;
     template <typename F, typename M>
     static void fields(F& f, M& m) {
-        f.u32(m.secondWord), f.str(m.playerName), f.str(m.dataset), f.u32(m.datasetChecksum);
-        f.u32(m.eventType), f.str(m.additionalEventData);
+        f.u32(m.secondWord), f.str(m.playerName, kMaxNameLength), f.str(m.dataset, kMaxNameLength);
+        f.u32(m.datasetChecksum), f.u32(m.eventType), f.str(m.additionalEventData, kMaxTextLength);
     }
 };
 
@@ -441,7 +461,7 @@ struct FileRequest {
     std::string name;
     template <typename F, typename M>
     static void fields(F& f, M& m) {
-        f.u32(m.secondWord), f.str(m.name);
+        f.u32(m.secondWord), f.str(m.name, kMaxFileNameLength);
     }
 };
 

@@ -125,6 +125,33 @@ TEST(Codec, SlotsAboveSevenCountsBeyondThePacketAndBrokenBundlesAreMalformed) {
     EXPECT_EQ(decode<GameSettings>(withTail)->bytes, withTail);
 }
 
+TEST(Codec, EveryClientStringAndListHasACap) {
+    auto at = [](std::size_t cap, std::size_t over) { return std::string(cap + over, 'x'); };
+    for (std::size_t over : {0u, 1u}) {
+        SCOPED_TRACE(over);
+        const bool fits = over == 0;
+        EXPECT_EQ(decode<CreateRoom>(encode(CreateRoom{1, at(kMaxNameLength, over), "d"})).has_value(), fits);
+        EXPECT_EQ(decode<CreateRoom>(encode(CreateRoom{1, "r", at(kMaxNameLength, over)})).has_value(), fits);
+        EXPECT_EQ(decode<Text>(encode(Text{at(kMaxTextLength, over)})).has_value(), fits);
+        EXPECT_EQ(decode<FileRequest>(encode(FileRequest{1, at(kMaxFileNameLength, over)})).has_value(), fits);
+        EXPECT_EQ(decode<GameSettings>(encode(GameSettings{1, 0, at(kMaxNameLength, over)})).has_value(), fits);
+        EXPECT_EQ(decode<TrackEvent>(encode(TrackEvent{1, "", "", 0, 0, at(kMaxTextLength, over)})).has_value(), fits);
+        EXPECT_EQ(decode<FeedbackReport>(encode(FeedbackReport{1, "", at(kMaxNameLength, over)})).has_value(), fits);
+        EXPECT_EQ(decode<DeterminismTestReport>(encode(DeterminismTestReport{1, "", "", "", at(kMaxDescriptionLength, over)}))
+                      .has_value(),
+                  fits);
+        PlayerSetup setup;
+        setup.playerName = at(kMaxNameLength, over);
+        EXPECT_EQ(decode<PlayerSetup>(encode(setup)).has_value(), fits);
+        setup.playerName.clear();
+        setup.clientStrings.assign(kMaxClientEntries + over, "s");
+        EXPECT_EQ(decode<PlayerSetup>(encode(setup)).has_value(), fits);
+        setup.clientStrings.clear();
+        setup.clientPairs.assign(kMaxClientEntries + over, {1, "p"});
+        EXPECT_EQ(decode<PlayerSetup>(encode(setup)).has_value(), fits);
+    }
+}
+
 TEST(Codec, OrdersShortFormStepDoneMarkAndResyncOrder) {
     auto shortForm = parseOrder(words({9, 4, 0xDEAD}));
     ASSERT_TRUE(shortForm);
