@@ -11,7 +11,7 @@ constexpr std::uint32_t kDesyncCountShown = 4;
 // only meaningful then. Slots without a peer are ignored either way.
 bool isComplete(const SeatPeers& seats, const ChecksumRecord& record) {
     for (std::size_t j = 0; j < kSlotCount; ++j)
-        if (seats[j] != nullptr && record.checksums[j] == 0) return false;
+        if (seats[j] != nullptr && record[j] == 0) return false;
     return true;
 }
 
@@ -20,8 +20,8 @@ bool agrees(const SeatPeers& seats, const ChecksumRecord& record) {
     for (std::size_t j = 0; j < kSlotCount; ++j) {
         if (seats[j] == nullptr) continue;
         if (first == nullptr)
-            first = &record.checksums[j];
-        else if (record.checksums[j] != *first)
+            first = &record[j];
+        else if (record[j] != *first)
             return false;
     }
     return true;
@@ -39,19 +39,14 @@ void writeEvidence(const std::string& path, ByteView data) {
 
 void handleChecksum(Match& match, const Seating& seating, std::uint32_t slot, std::uint32_t step,
                     std::uint32_t checksum) {
+    if (!withinStepWindow(match, step)) return;
     auto& records = match.checksumRecords;
-    for (auto it = records.begin(); it != records.end(); ++it) {
-        if (it->step != step) continue;
-        it->checksums[slot] = checksum;
-        if (!isComplete(seating.peers, *it)) return;
-        if (!agrees(seating.peers, *it)) declareDesync(match, seating, it->step);
-        records.erase(it);  // compared once, desync or not
-        return;
-    }
-    ChecksumRecord record;
-    record.step = step;
-    record.checksums[slot] = checksum;
-    records.push_back(record);  // a new record waits for the others
+    auto [it, fresh] = records.try_emplace(step);  // a new record waits for the others
+    it->second[slot] = checksum;
+    if (fresh) pruneBehindStepWindow(match, records);
+    if (!isComplete(seating.peers, it->second)) return;
+    if (!agrees(seating.peers, it->second)) declareDesync(match, seating, step);
+    records.erase(step);  // compared once, desync or not
 }
 
 void declareDesync(Match& match, const Seating& seating, std::uint32_t step) {

@@ -24,10 +24,16 @@ inline constexpr std::int32_t kMaxLagReports = 24;
 
 using SlotFlags = std::array<bool, kSlotCount>;
 
-struct ChecksumRecord {
-    std::uint32_t step = 0;
-    std::array<std::uint32_t, kSlotCount> checksums{};
-};
+// The checksums reported for one step, per slot (0: none yet).
+using ChecksumRecord = std::array<std::uint32_t, kSlotCount>;
+
+// How far from the last completed step a step-done or checksum order may
+// lie. Lockstep clients run at most the order delay (64 steps at most) ahead
+// of the last completed step, so no real client comes near this; it bounds
+// the step reports and checksum records a room keeps, whatever a client
+// sends. Reports for steps further away are dropped, and records that fall
+// further behind as the match goes on are pruned.
+inline constexpr std::uint32_t kStepWindow = 4096;
 
 struct Seating {
     std::uint32_t roomId = 0;
@@ -50,11 +56,19 @@ struct Match {
     // When each pending step got its first report; kept only while the
     // metrics endpoint is on.
     std::map<std::uint32_t, std::uint64_t> stepFirstReportMicros;
-    std::vector<ChecksumRecord> checksumRecords;
+    std::map<std::uint32_t, ChecksumRecord> checksumRecords;  // by step
     SlotFlags resyncPending{};
 };
 
 // ---- Relay (relay.cpp) ----
+// A step at most kStepWindow from the last completed one, either way.
+bool withinStepWindow(const Match& match, std::uint32_t step);
+// Drops the entries of steps more than kStepWindow behind the last completed one.
+template <typename Entries>
+void pruneBehindStepWindow(const Match& match, Entries& entries) {
+    if (match.lastCompletedStep <= kStepWindow) return;
+    entries.erase(entries.begin(), entries.lower_bound(match.lastCompletedStep - kStepWindow));
+}
 // An order from the peer in senderSlot; packet is the order as it came.
 void handleOrder(Match& match, const Seating& seating, std::uint32_t senderSlot, const Order& order,
                  ByteView packet);

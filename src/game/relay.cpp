@@ -25,11 +25,21 @@ bool isStepComplete(const Match& match, const SeatPeers& seats, std::uint32_t st
     return true;
 }
 
+bool withinStepWindow(const Match& match, std::uint32_t step) {
+    const std::uint32_t last = match.lastCompletedStep;
+    return step > last ? step - last <= kStepWindow : last - step <= kStepWindow;
+}
+
 void markStepDone(Match& match, const SeatPeers& seats, std::int32_t slot, std::uint32_t step) {
     if (slot < 0 || slot >= static_cast<std::int32_t>(kSlotCount)) return;
+    if (!withinStepWindow(match, step)) return;
     auto [entry, fresh] = match.stepReports.try_emplace(step);  // a new entry starts all clear
     entry->second[static_cast<std::size_t>(slot)] = true;
-    if (fresh && stepTimingEnabled()) match.stepFirstReportMicros[step] = monotonicMicros();
+    if (fresh) {
+        pruneBehindStepWindow(match, match.stepReports);
+        pruneBehindStepWindow(match, match.stepFirstReportMicros);
+        if (stepTimingEnabled()) match.stepFirstReportMicros[step] = monotonicMicros();
+    }
     if (!isStepComplete(match, seats, step)) return;
 
     Order notice;

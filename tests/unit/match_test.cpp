@@ -55,6 +55,9 @@ TEST(Match, OrdersGoByteForByteToTheOthersAndStepsCompleteWhenEverySeatReported)
     // A step completed after a later one sets the last completed step back.
     for (std::uint32_t slot = 0; slot < 3; ++slot) h.receive(slot, kOrderChannel, stepDone(5, slot));
     EXPECT_EQ(room.match.lastCompletedStep, 5u);
+    h.receive(0, kOrderChannel, stepDone(6 + kStepWindow, 0));  // too far ahead to be kept
+    h.receive(0, kOrderChannel, stepDone(5 + kStepWindow, 0));
+    EXPECT_EQ(room.match.stepReports.size(), 1u);
 }
 
 TEST(Match, ResyncStepMalformedOrdersAndStrangers) {
@@ -80,6 +83,18 @@ TEST(Match, ChecksumsCompareOncePerStepAndAMismatchStartsTheResync) {
     Harness h;
     Room& room = running(h, 3);
     room.match.lastCompletedStep = 20;
+    // Checksums from one player for ever new steps: at most a window's worth
+    // of records, and none for steps far ahead.
+    h.receive(0, kOrderChannel, checksum(20 + kStepWindow, 1));
+    h.receive(0, kOrderChannel, checksum(21 + kStepWindow, 1));
+    EXPECT_EQ(room.match.checksumRecords.size(), 1u);
+    room.match.lastCompletedStep = 21 + 2 * kStepWindow;
+    h.receive(0, kOrderChannel, checksum(21 + 2 * kStepWindow, 1));
+    EXPECT_EQ(room.match.checksumRecords.begin()->first, 21 + 2 * kStepWindow);  // the old one pruned
+    EXPECT_EQ(room.match.checksumRecords.size(), 1u);
+    room.match.checksumRecords.clear();
+    room.match.lastCompletedStep = 20;
+
     for (std::size_t p = 0; p < 3; ++p) h.receive(p, kOrderChannel, checksum(4, 5));
     h.receive(0, kOrderChannel, checksum(5, 1));
     h.receive(1, kOrderChannel, checksum(5, 2));
