@@ -86,10 +86,12 @@ void startServer(Server& server) {
     // delivery. 32 MiB carries the largest update file and report that the
     // protocol can describe in practice (the update service already refuses
     // nothing smaller), and no single client can make the server buffer more.
-    server.host->maximumPacketSize = kMaximumPacketSize;
+    server.host->maximumPacketSize = kMaxPacketSize;
     server.host->maximumWaitingData = kMaximumWaitingData;
     logMessage("Enet server created at " + std::to_string(server.host->address.host) + ":" +
                std::to_string(server.host->address.port));
+    if (std::size_t n = removeLeftoverTemporaries(dataRootPrefix() + "server_data"))
+        logMessage("Removed " + std::to_string(n) + " temporary files left by an earlier run");
     recordEvent(server.events, 2, "__SERVER__", 0, "", 0, "", static_cast<std::uint32_t>(unixNow()));
 }
 

@@ -18,9 +18,8 @@
 
 inline constexpr std::uint16_t kDefaultPort = 1984;
 inline constexpr std::size_t kMaxPeers = 1024;
-// Per packet and per peer; see startServer.
-inline constexpr std::size_t kMaximumPacketSize = 32u * 1024 * 1024;
-inline constexpr std::size_t kMaximumWaitingData = 32u * 1024 * 1024;
+// The data of one peer waiting for reassembly or delivery: one largest packet.
+inline constexpr std::size_t kMaximumWaitingData = kMaxPacketSize;
 
 struct Server {
     bool eventDumpArmed = true;

@@ -130,3 +130,16 @@ bool appendToFile(const std::string& path, std::string_view text) {
     }
     return ::close(fd) == 0 && ok;
 }
+
+std::size_t removeLeftoverTemporaries(const std::string& directory) {
+    std::size_t removed = 0;
+    std::error_code ec;
+    for (fs::recursive_directory_iterator it(directory, ec), end; !ec && it != end; it.increment(ec)) {
+        const std::string name = it->path().filename().string();
+        const auto mark = name.rfind(".tmp");
+        // Exactly the names FileWriter makes: ".tmp" and six characters of mkstemp's.
+        if (mark == std::string::npos || mark + 10 != name.size() || !it->is_regular_file(ec)) continue;
+        if (fs::remove(it->path(), ec)) ++removed;
+    }
+    return removed;
+}

@@ -51,3 +51,7 @@ private:
 // Appends text to path (created when missing) and syncs it; false when that
 // could not be done whole, in which case nothing of text stays in the file.
 bool appendToFile(const std::string& path, std::string_view text);
+
+// Removes, under directory, the temporary files of FileWriters that a crash
+// left behind; returns how many.
+std::size_t removeLeftoverTemporaries(const std::string& directory);

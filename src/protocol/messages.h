@@ -18,6 +18,12 @@
 
 inline constexpr std::uint32_t kProtocolVersion = 4;
 
+// The largest packet either way, once ENet has put its fragments together.
+// 32 MiB carries the largest report and update file a game sends; ENet
+// refuses bigger ones, and no single client can make the server buffer more
+// for one packet.
+inline constexpr std::size_t kMaxPacketSize = 32u * 1024 * 1024;
+
 enum Channel : std::uint8_t {
     kLobbyChannel = 0,
     kTextChannel = 1,

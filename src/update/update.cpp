@@ -1,5 +1,6 @@
 #include "update/update.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <filesystem>
 #include <limits>
@@ -75,17 +76,34 @@ bool isAcceptableUpdateFileName(std::string_view name) {
     }
 }
 
-Bytes readFileData(const std::string& name) {
+Bytes readFileData(const std::string& name, std::string& problem) {
     FileData reply;
     reply.name = name;
     Bytes message = encode(reply);
     const std::size_t headerSize = message.size();
-    const std::string path = updateDataDirectory() + name;
+    const std::string directory = updateDataDirectory();
+    const std::string path = directory + name;
     std::error_code ec;
+    // The name cannot climb out, but a symbolic link inside could lead
+    // anywhere: only files that really lie inside the directory are sent.
+    const fs::path real = fs::canonical(path, ec);
+    const fs::path root = fs::canonical(directory, ec);
+    if (!real.empty() && !root.empty()) {
+        auto [r, p] = std::mismatch(root.begin(), root.end(), real.begin(), real.end());
+        if (r != root.end()) {
+            problem = "|||| Refused file request \"" + name + "\": it leads outside the update data";
+            return message;
+        }
+    }
     std::uintmax_t size = fs::file_size(path, ec);
-    // A missing file, a directory, and a size the 32-bit length field cannot
-    // carry all count as size 0: nothing is opened.
-    if (ec || size > static_cast<std::uintmax_t>(std::numeric_limits<std::int32_t>::max())) size = 0;
+    // A missing file and a directory count as size 0: nothing is opened.
+    if (ec) return message;
+    // A message ENet would refuse to send would leave the client waiting for
+    // ever: it gets length 0 instead, like a missing file.
+    if (size > kMaxPacketSize - headerSize) {
+        problem = "|||| Update file \"" + name + "\" is too large to send: " + std::to_string(size) + " bytes";
+        return message;
+    }
     if (size == 0) return message;
     std::FILE* f = openFileForPath(path, "rb");
     if (f == nullptr) return message;
@@ -108,7 +126,11 @@ void sendFile(Storage& storage, Downloads& downloads, ENetPeer* peer, std::strin
     // answer still queues behind the peer's earlier ones.
     if (refused) logError("|||| Refused file request \"" + name + "\" from " + peerAddressText(peer));
     storage.submit([&downloads, to = refOf(peer), name = std::move(name), refused]() -> Storage::Completion {
-        Bytes message = refused ? encode(FileData{1, name, {}}) : readFileData(name);
-        return [&downloads, to, message = std::move(message)]() mutable { queueFileData(downloads, to, std::move(message)); };
+        std::string problem;
+        Bytes message = refused ? encode(FileData{1, name, {}}) : readFileData(name, problem);
+        return [&downloads, to, message = std::move(message), problem = std::move(problem)]() mutable {
+            if (!problem.empty()) logError(problem);
+            queueFileData(downloads, to, std::move(message));
+        };
     });
 }

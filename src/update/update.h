@@ -34,9 +34,11 @@ std::string textModeContent(std::string_view raw);
 // by the storage worker.
 void sendManifestVersion(Storage& storage, ENetPeer* peer);
 void sendAnnouncements(Storage& storage, ENetPeer* peer);
-// The whole FileData message of the named file of the update data directory
-// (length 0 when it cannot be read), built in one buffer.
-Bytes readFileData(const std::string& name);
+// The whole FileData message of the named file of the update data directory,
+// built in one buffer. Length 0 when it cannot be read, and also, with the
+// error line to log in problem, when it is too large for one packet or lies
+// outside the directory by way of a symbolic link.
+Bytes readFileData(const std::string& name, std::string& problem);
 // The named file, read by the storage worker, as FileData on channel 6
 // through the download pacing.
 void sendFile(Storage& storage, Downloads& downloads, ENetPeer* peer, std::string name);

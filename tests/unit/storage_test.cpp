@@ -57,15 +57,34 @@ TEST(Storage, AFileThatCannotBeWrittenWholeLeavesNothingBehind) {
     EXPECT_EQ(readFile(path + ".log"), "first\n");
     EXPECT_EQ(std::distance(std::filesystem::directory_iterator(root / "d"), {}), 1);  // no file, no temporary
     EXPECT_FALSE(appendToFile("/dev/full", "x"));
+
+    // What a crash would leave: only the temporaries go.
+    std::ofstream(path + ".tmpAb12Z9") << "half";
+    std::ofstream(path + ".tmp") << "a name of a client's";
+    EXPECT_EQ(removeLeftoverTemporaries((root / "d").string()), 1u);
+    EXPECT_EQ(std::distance(std::filesystem::directory_iterator(root / "d"), {}), 2);
 }
 
-TEST(Storage, AnUpdateFileRemovedOrShrunkBeforeTheWorkerReadsIt) {
+TEST(Storage, UpdateFilesRemovedTooLargeOrOutsideTheDirectoryGoOutEmpty) {
     TempDataRoot root;
-    std::filesystem::create_directories(root / "server_data/update_data");
-    std::ofstream(root / "server_data/update_data/f", std::ios::binary) << "abc";
-    EXPECT_EQ(readFileData("f"), encode(FileData{1, "f", Bytes{'a', 'b', 'c'}}));
-    std::filesystem::remove(root / "server_data/update_data/f");
-    EXPECT_EQ(readFileData("f"), encode(FileData{1, "f", {}}));
-    std::filesystem::create_directories(root / "server_data/update_data/dir");
-    EXPECT_EQ(readFileData("dir"), encode(FileData{1, "dir", {}}));
+    const auto dir = root / "server_data/update_data";
+    std::filesystem::create_directories(dir / "sub");
+    std::ofstream(dir / "f", std::ios::binary) << "abc";
+    std::filesystem::create_symlink("../f", dir / "sub/inside");
+    std::filesystem::create_symlink("../../settings", dir / "outside");
+    std::filesystem::create_directories(root / "settings");
+    std::ofstream(root / "settings/server.config") << "secret";
+    std::string problem;
+    EXPECT_EQ(readFileData("sub/inside", problem), encode(FileData{1, "sub/inside", Bytes{'a', 'b', 'c'}}));
+    EXPECT_EQ(readFileData("outside/server.config", problem), encode(FileData{1, "outside/server.config", {}}));
+    EXPECT_EQ(problem, "|||| Refused file request \"outside/server.config\": it leads outside the update data");
+    problem.clear();
+    std::filesystem::remove(dir / "f");  // removed between the request and the read
+    EXPECT_EQ(readFileData("f", problem), encode(FileData{1, "f", {}}));
+    EXPECT_EQ(readFileData("sub", problem), encode(FileData{1, "sub", {}}));
+    EXPECT_EQ(problem, "");
+    std::ofstream(dir / "big").close();
+    std::filesystem::resize_file(dir / "big", kMaxPacketSize);  // sparse: nothing is read
+    EXPECT_EQ(readFileData("big", problem), encode(FileData{1, "big", {}}));
+    EXPECT_EQ(problem, "|||| Update file \"big\" is too large to send: 33554432 bytes");
 }
