@@ -4,6 +4,7 @@
 #include <string>
 
 #include "app/peers.h"
+#include "app/service.h"
 #include "lobby/lobby.h"
 #include "log/log.h"
 #include "platform/clock.h"
@@ -85,8 +86,11 @@ void onDeterminismTestReport(const Incoming& in, DeterminismTestReport&) {
 
 // ---- Event tracking and file update ----
 void onTrackEvent(const Incoming& in, TrackEvent& m) {
-    recordEvent(in.server.events, m.eventType, std::move(m.playerName), in.peer->address.host, std::move(m.dataset),
-                m.datasetChecksum, std::move(m.additionalEventData), now32());
+    Server& s = in.server;
+    auto today = [] { return periodicDumpName(localNow()); };
+    if (admitEvent(s.eventSpill, s.events, s.storage, today, unixNow()))
+        recordEvent(s.events, m.eventType, std::move(m.playerName), in.peer->address.host, std::move(m.dataset),
+                    m.datasetChecksum, std::move(m.additionalEventData), now32());
     if (m.eventType == kUpdateCheckEvent) {
         sendManifestVersion(in.server.storage, in.peer);
         sendAnnouncements(in.server.storage, in.peer);

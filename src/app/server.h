@@ -27,6 +27,7 @@ struct Server {
     bool statisticsEnabled = false;
     ServerStatistics statistics;
     Events events;
+    EventSpill eventSpill;
     ENetHost* host = nullptr;
     // The peer registry: membership means connected and registered, each
     // with its PeerInfo on the ENet peer's data field.

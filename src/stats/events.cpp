@@ -1,5 +1,7 @@
 #include "stats/events.h"
 
+#include <functional>
+
 #include "log/log.h"
 #include "platform/files.h"
 
@@ -26,20 +28,19 @@ std::string formatEvents(const std::vector<TrackedEvent>& events) {
     return out;
 }
 
-void dumpEvents(Storage& storage, Events& events, ServerStatistics& statistics, const std::string& name) {
-    logMessage("Dumping stats to " + name);
-    const std::string base = dataRootPrefix() + "server_data/stats/" + name;
-    dumpStatistics(storage, statistics, base);
+namespace {
 
-    // The events go with the job and come back if they could not be written
-    // whole, ahead of those recorded meanwhile, for the next dump.
+// The events go with the job and come back if they could not be written
+// whole, ahead of those recorded meanwhile, for the next dump.
+void appendEvents(Storage& storage, Events& events, const std::string& path, std::function<void(bool)> done = {}) {
     std::size_t size = 0;
     for (const TrackedEvent& e : events) size += 64 + e.playerName.size() + e.dataset.size() + e.additionalEventData.size();
     storage.submit(
-        [&events, path = base + ".events", taken = std::move(events)]() mutable -> Storage::Completion {
+        [&events, path, taken = std::move(events), done = std::move(done)]() mutable -> Storage::Completion {
             bool written = appendToFile(path, formatEvents(taken));
             if (written) taken.clear();
-            return [&events, path, written, taken = std::move(taken)]() mutable {
+            return [&events, path, written, taken = std::move(taken), done = std::move(done)]() mutable {
+                if (done) done(written);
                 if (!written) {
                     events.insert(events.begin(), std::make_move_iterator(taken.begin()),
                                   std::make_move_iterator(taken.end()));
@@ -51,4 +52,37 @@ void dumpEvents(Storage& storage, Events& events, ServerStatistics& statistics, 
         },
         size);
     events.clear();
+}
+
+}  // namespace
+
+void dumpEvents(Storage& storage, Events& events, ServerStatistics& statistics, const std::string& name) {
+    logMessage("Dumping stats to " + name);
+    const std::string base = dataRootPrefix() + "server_data/stats/" + name;
+    dumpStatistics(storage, statistics, base);
+    appendEvents(storage, events, base + ".events");
+}
+
+bool admitEvent(EventSpill& spill, Events& events, Storage& storage, const std::function<std::string()>& name,
+                std::int64_t now) {
+    if (events.size() >= 2 * kSpillEvents) {
+        ++spill.dropped;
+        if (now - spill.lastDropLine >= 60) {
+            spill.lastDropLine = now;
+            logMessage("Dropped " + std::to_string(spill.dropped) +
+                       " tracked events so far: their dump cannot keep up with them");
+        }
+        return false;
+    }
+    // After a spill that failed, the next waits a minute: the events came
+    // back, and writing them again for every new one would only burn CPU.
+    if (events.size() >= kSpillEvents && !spill.spilling && now - spill.lastFailure >= 60) {
+        spill.spilling = true;
+        appendEvents(storage, events, dataRootPrefix() + "server_data/stats/" + name() + ".events",
+                     [&spill, now](bool written) {
+                         spill.spilling = false;
+                         if (!written) spill.lastFailure = now;
+                     });
+    }
+    return true;
 }

@@ -3,6 +3,7 @@
 // server's own; collected until a dump writes them out.
 
 #include <cstdint>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -32,3 +33,21 @@ std::string formatEvents(const std::vector<TrackedEvent>& events);
 // be written come back for the next dump. events must outlive the storage's
 // work.
 void dumpEvents(Storage& storage, Events& events, ServerStatistics& statistics, const std::string& name);
+
+// Tracked events held in memory are bounded: once kSpillEvents are held they
+// are appended to the dump file of the day ahead of the periodic dump (an
+// event flood then costs disk, not memory); should twice as many gather
+// because the disk does not keep up, new events are dropped and counted.
+// No real traffic comes near: a thousand players send a few events a minute.
+inline constexpr std::size_t kSpillEvents = 8192;
+struct EventSpill {
+    bool spilling = false;
+    std::uint64_t dropped = 0;
+    std::int64_t lastDropLine = -60;
+    std::int64_t lastFailure = -60;
+};
+// Whether one more event may be recorded now; spills the held ones to
+// server_data/stats/<name>.events when they are many. events must outlive
+// the storage's work.
+bool admitEvent(EventSpill& spill, Events& events, Storage& storage, const std::function<std::string()>& name,
+                std::int64_t now);

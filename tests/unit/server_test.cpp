@@ -134,6 +134,17 @@ TEST(PeriodicDump, DateNameAndALatchArmedAtMinute3ThatFiresAtMinute1) {
     EXPECT_FALSE(h.server.eventDumpArmed);
 }
 
+TEST(Events, AFloodGoesToTheDumpFileOfTheDayInsteadOfMemory) {
+    TempDataRoot root;
+    setClockForTests(1764000000);
+    Harness h;
+    h.connect(0);
+    for (std::size_t i = 0; i <= kSpillEvents; ++i) h.receive(0, kEventTrackingChannel, encode(TrackEvent{1, "p"}));
+    EXPECT_EQ(h.server.events.size(), 1u);
+    const std::string dump = readFile(root / ("server_data/stats/" + periodicDumpName(localNow()) + ".events"));
+    EXPECT_EQ(std::count(dump.begin(), dump.end(), '\n'), 8 * static_cast<long>(kSpillEvents));
+}
+
 TEST(Statistics, OrderingFloatAveragesAndDurations) {
     auto finished = [](std::vector<std::string> names, std::string dataset, std::uint32_t sum, std::uint32_t mode,
                        std::uint32_t length, std::uint32_t delay, std::uint32_t desyncs) {
