@@ -4,7 +4,6 @@
 #include <string>
 
 #include "app/peers.h"
-#include "app/service.h"
 #include "lobby/lobby.h"
 #include "log/log.h"
 #include "platform/clock.h"

@@ -9,12 +9,6 @@
 #include "log/metrics.h"
 #include "platform/clock.h"
 
-std::string periodicDumpName(const std::tm& local) {
-    char buf[48];
-    std::snprintf(buf, sizeof buf, "%d_%02d_%02d", local.tm_year, local.tm_mon + 1, local.tm_mday);
-    return buf;
-}
-
 void checkPeriodicDump(Server& server, const std::tm& local) {
     int m = local.tm_min % 5;
     if (server.eventDumpArmed && m == 1) {

@@ -14,8 +14,6 @@
 bool serviceStep(Server& server);
 // The periodic dump latch for the given local time.
 void checkPeriodicDump(Server& server, const std::tm& local);
-// "126_03_05" for 5 March 2026.
-std::string periodicDumpName(const std::tm& local);
 // The room work runs at most once per this many milliseconds of the loop.
 inline constexpr int kRoomWorkPeriodMs = 2;
 // The per-step room work after the events, unpaced (for tests and fuzzing).

@@ -1,5 +1,6 @@
 #include "stats/events.h"
 
+#include <cstdio>
 #include <functional>
 
 #include "log/log.h"
@@ -26,6 +27,12 @@ std::string formatEvents(const std::vector<TrackedEvent>& events) {
         out += "timestamp = " + std::to_string(e.timestamp) + "\n";
     }
     return out;
+}
+
+std::string periodicDumpName(const std::tm& local) {
+    char buf[48];
+    std::snprintf(buf, sizeof buf, "%d_%02d_%02d", local.tm_year, local.tm_mon + 1, local.tm_mday);
+    return buf;
 }
 
 namespace {

@@ -3,6 +3,7 @@
 // server's own; collected until a dump writes them out.
 
 #include <cstdint>
+#include <ctime>
 #include <functional>
 #include <string>
 #include <vector>
@@ -24,6 +25,9 @@ using Events = std::vector<TrackedEvent>;
 void recordEvent(Events& events, std::uint32_t type, std::string playerName, std::uint32_t sourceIP,
                  std::string dataset, std::uint32_t datasetChecksum, std::string additionalEventData,
                  std::uint32_t timestamp);
+
+// The name of the periodic dump of a day: "126_03_05" for 5 March 2026.
+std::string periodicDumpName(const std::tm& local);
 
 // The eight lines of each event, eventIndex counted from 0.
 std::string formatEvents(const std::vector<TrackedEvent>& events);
