@@ -11,6 +11,9 @@ inline constexpr std::uint16_t kErrorAttribute = 12;
 
 void logMessage(std::string text, std::uint16_t consoleAttribute = 0);
 void logError(const std::string& text);
+// Text for the console only, written as it stands (no prefix, no line end
+// added), in order with the log lines.
+void printToConsole(std::string text);
 
 // Starts the writer thread and empties dataRootPrefix + fileName.
 void startLog(const std::string& fileName);

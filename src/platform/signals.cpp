@@ -22,6 +22,9 @@ void installStopSignals() {
     install(SIGTERM, onInterrupt);
     install(SIGUSR1, onDump);
     install(SIGUSR2, onReport);
+    // A console reader that goes away (`| head`) must not end the server:
+    // the write fails and the console copy of the line is lost.
+    install(SIGPIPE, SIG_IGN);
     // A write beyond the file-size limit then fails like one on a full disk,
     // and is handled as such, instead of ending the process.
     install(SIGXFSZ, SIG_IGN);

@@ -10,5 +10,5 @@ extern volatile std::sig_atomic_t dumpRequested;
 extern volatile std::sig_atomic_t reportRequested;
 
 // SIGINT and SIGTERM set quitRequested; SIGUSR1 and SIGUSR2 the other two;
-// SIGXFSZ is ignored.
+// SIGXFSZ and SIGPIPE are ignored.
 void installStopSignals();

@@ -2,6 +2,7 @@
 #include <filesystem>
 #include <system_error>
 
+#include "log/log.h"
 #include "platform/files.h"
 #include "protocol/send.h"
 #include "update/update.h"
@@ -11,8 +12,7 @@ namespace fs = std::filesystem;
 namespace {
 
 // The path between double quotes, with every '"' and '\' inside escaped by a
-// backslash, on a line of its own. Written straight to standard output (one
-// write and a flush, so it never interleaves with the log writer's lines).
+// backslash, on a line of its own, on the console only.
 void printQuotedPath(const std::string& path) {
     std::string line;
     line.reserve(path.size() + 4);
@@ -22,8 +22,7 @@ void printQuotedPath(const std::string& path) {
         line += c;
     }
     line += "\"\n";
-    std::fwrite(line.data(), 1, line.size(), stdout);
-    std::fflush(stdout);
+    printToConsole(std::move(line));
 }
 
 // The whole content, or "" when the entry can't be opened or read as a file

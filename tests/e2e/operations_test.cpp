@@ -139,3 +139,29 @@ TEST(Operations, DataRootFromElsewhereServiceManagerMetricsAndAnOrderlySigterm) 
     close(fd);
     unlink(path.c_str());
 }
+
+TEST(Console, AReaderThatStallsOrVanishesHoldsUpNeitherTheMatchNorTheStop) {
+    for (Console console : {Console::Stalled, Console::Gone}) {
+        ServerProcess server(ServerOptions{.console = console});
+        ASSERT_TRUE(server.start());
+        TestClient a, b;
+        ASSERT_NE(e2e::startMatch(server.port(), {&a, &b}, {"A", "B"}), 0u);
+        // Three lines each, far more than a pipe holds.
+        for (int i = 0; i < 3000; ++i) a.send(0, Bytes{7});
+        for (int i = 0; i < 400 && countOf(server.log(), "|||| Malformed ") < 3000; ++i) a.quiet(50);
+        ASSERT_EQ(countOf(server.log(), "|||| Malformed "), 3000u);
+        a.send(3, e2e::words({1, 5, 0}));
+        b.send(3, e2e::words({1, 5, 1}));
+        EXPECT_EQ(a.nextOn(3), e2e::words({1, 5, 1}));
+        EXPECT_EQ(b.nextOn(3), e2e::words({1, 5, 1}));
+        kill(server.pid(), SIGTERM);
+        std::string shown = server.readConsolePipe();
+        EXPECT_EQ(server.wait(), 0);
+        EXPECT_EQ(splitLines(server.log()).back(), ": ## Ending log");
+        if (console == Console::Stalled) {
+            EXPECT_EQ(countOf(shown, " lines were not shown here: the console could not keep up (server.log has "
+                                     "every line)\n"), 1u);
+            EXPECT_EQ(shown.substr(shown.size() - 16), ": ## Ending log\n");
+        }
+    }
+}

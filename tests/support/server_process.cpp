@@ -52,6 +52,7 @@ ServerProcess::~ServerProcess() {
         waitpid(pid_, nullptr, 0);
     }
     closeInput();
+    if (consoleFd_ >= 0) close(consoleFd_);
     std::error_code ec;
     if (std::getenv("LOCKSTEP_KEEP_TEST_ROOTS") == nullptr) fs::remove_all(root_, ec);
 }
@@ -59,11 +60,13 @@ ServerProcess::~ServerProcess() {
 void ServerProcess::launch() {
     int in[2];
     if (pipe2(in, O_CLOEXEC) != 0) std::abort();
+    int out[2] = {-1, -1};
+    if (options_.console != Console::File && pipe2(out, O_CLOEXEC) != 0) std::abort();
     signal(SIGPIPE, SIG_IGN);
     pid_ = fork();
     if (pid_ == 0) {
         dup2(in[0], 0);
-        dup2(open((root_ + "/.stdout").c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644), 1);
+        dup2(out[1] >= 0 ? out[1] : open((root_ + "/.stdout").c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644), 1);
         dup2(open((root_ + "/.stderr").c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644), 2);
         if (chdir((root_ + "/" + options_.directory).c_str()) != 0) _exit(127);
         std::vector<char*> argv{options_.program.data()};
@@ -75,6 +78,16 @@ void ServerProcess::launch() {
     }
     close(in[0]);
     stdinFd_ = in[1];
+    if (out[1] >= 0) close(out[1]);
+    if (options_.console == Console::Stalled) consoleFd_ = out[0];
+    else if (out[0] >= 0) close(out[0]);
+}
+
+std::string ServerProcess::readConsolePipe() {
+    std::string text;
+    char buf[65536];
+    for (ssize_t n; consoleFd_ >= 0 && (n = read(consoleFd_, buf, sizeof buf)) > 0;) text.append(buf, static_cast<std::size_t>(n));
+    return text;
 }
 
 void ServerProcess::sendKeys(const std::string& keys) {

@@ -7,6 +7,10 @@
 #include <sys/types.h>
 #include <vector>
 
+// Where the program's standard output goes: a file, a pipe that the test
+// reads only when asked (a stalled reader), or a pipe with no reader at all.
+enum class Console { File, Stalled, Gone };
+
 struct ServerOptions {
     // settings/server.config: the port (a free one when 0), the description
     // and the statistics flag.
@@ -18,6 +22,7 @@ struct ServerOptions {
     std::vector<std::string> environment;  // extra "NAME=value" entries
     std::vector<std::string> arguments;
     std::string program = LOCKSTEP_SERVER_BIN;
+    Console console = Console::File;
 };
 
 class ServerProcess {
@@ -43,6 +48,8 @@ public:
 
     std::string log() const { return readFile("server.log"); }
     std::string consoleOutput() const { return readFile(".stdout"); }
+    // Console::Stalled: reads the pipe until the program closes it.
+    std::string readConsolePipe();
     std::string consoleErrors() const { return readFile(".stderr"); }
     // True when the log holds text count times within the time-out.
     bool waitForLog(const std::string& text, std::size_t count = 1, int timeoutMs = 5000) const;
@@ -56,6 +63,7 @@ private:
     std::uint16_t port_ = 0;
     pid_t pid_ = -1;
     int stdinFd_ = -1;
+    int consoleFd_ = -1;
     int exitStatus_ = -1;
 };
 
