@@ -33,7 +33,7 @@ void createRoom(RoomRegistry& rooms, ENetPeer* peer, const CreateRoom& request) 
     joinRoom(rooms, peer, ref.id);
     setHost(ref, peer);
 
-    logMessage("Room \"" + ref.name + "\", ID " + std::to_string(ref.id) + ", data \"" + ref.dataset +
+    logMessage("Room \"" + printable(ref.name) + "\", ID " + std::to_string(ref.id) + ", data \"" + printable(ref.dataset) +
                "\", checksum " + std::to_string(ref.datasetChecksum) +
                ". Total rooms: " + std::to_string(rooms.byId.size()));
 }
@@ -102,7 +102,7 @@ std::unique_ptr<Room> deleteEmptyRoom(RoomRegistry& rooms) {
     while (it != rooms.byId.end() && humanCount(*it->second) != 0) ++it;
     if (it == rooms.byId.end()) return nullptr;
     std::unique_ptr<Room> room = std::move(it->second);
-    logMessage("Empty room \"" + room->name + "\" with ID " + std::to_string(room->id) + " deleted. ");
+    logMessage("Empty room \"" + printable(room->name) + "\" with ID " + std::to_string(room->id) + " deleted. ");
     rooms.byId.erase(it);
     logMessage("Total rooms: " + std::to_string(rooms.byId.size()));
     return room;

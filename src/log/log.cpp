@@ -196,6 +196,23 @@ void logMessage(std::string text, std::uint16_t consoleAttribute) { enqueue(LogE
 
 void printToConsole(std::string text) { enqueue(LogEntry{std::move(text), 0, true}); }
 
+std::string printable(std::string_view clientBytes) {
+    static const char hex[] = "0123456789abcdef";
+    std::string out;
+    out.reserve(clientBytes.size());
+    for (char c : clientBytes) {
+        auto byte = static_cast<unsigned char>(c);
+        if (byte < 0x20 || byte == 0x7F) {
+            out += "\\x";
+            out += hex[byte >> 4];
+            out += hex[byte & 0xF];
+        } else {
+            out += c;
+        }
+    }
+    return out;
+}
+
 void logError(const std::string& text) {
     logMessage("#### ERROR \n" + text + "\n####", kErrorAttribute);
 }

@@ -4,6 +4,7 @@
 
 #include <cstdint>
 #include <string>
+#include <string_view>
 #include <vector>
 
 // Console attribute of error lines: bright red on black.
@@ -14,6 +15,11 @@ void logError(const std::string& text);
 // Text for the console only, written as it stands (no prefix, no line end
 // added), in order with the log lines.
 void printToConsole(std::string text);
+
+// Bytes a client chose, fit for a log line: every byte below 0x20 and 0x7F
+// becomes \xNN, so no client can start a line or send a terminal escape. Other
+// bytes stay as they are.
+std::string printable(std::string_view clientBytes);
 
 // Starts the writer thread and empties dataRootPrefix + fileName.
 void startLog(const std::string& fileName);

@@ -124,7 +124,7 @@ void sendFile(Storage& storage, Downloads& downloads, ENetPeer* peer, std::strin
     // Refused names get the same answer as a missing file (length 0) and one
     // error line; the file system is not touched for them at all. Their
     // answer still queues behind the peer's earlier ones.
-    if (refused) logError("|||| Refused file request \"" + name + "\" from " + peerAddressText(peer));
+    if (refused) logError("|||| Refused file request \"" + printable(name) + "\" from " + peerAddressText(peer));
     storage.submit([&downloads, to = refOf(peer), name = std::move(name), refused]() -> Storage::Completion {
         std::string problem;
         Bytes message = refused ? encode(FileData{1, name, {}}) : readFileData(name, problem);

@@ -57,14 +57,15 @@ TEST(UpdateBinary, VersionFilesRefusalsStrangeRequestsAndAnnouncements) {
     // and an error line, even when the file is there.
     server.writeFile("server_data/update_data/a\\b", "backslash");
     server.writeFile("server_data/x", "outside");
-    const std::string names[] = {"../settings/server.config", "/etc/passwd", "a/../../x", "C:x", "a\\b", "", ".."};
+    const std::string names[] = {"../settings/server.config", "/etc/passwd", "a/../../x", "C:x", "a\\b", "", "..", "../\n: x\x1b[2J"};
     for (const std::string& name : names) {
         client.send(6, fileRequest(name));
         EXPECT_EQ(client.nextOn(6), fileData(name, "")) << name;
     }
     ASSERT_TRUE(server.waitForLog("|||| Refused file request ", std::size(names)));
     for (const std::string& name : names)
-        EXPECT_NE(server.log().find(": #### ERROR \n|||| Refused file request \"" + name + "\" from 127.0.0.1:" +
+        EXPECT_NE(server.log().find(": #### ERROR \n|||| Refused file request \"" +
+                                    (name == names[7] ? "../\\x0a: x\\x1b[2J" : name) + "\" from 127.0.0.1:" +
                                     std::to_string(client.localPort()) + "\n####\n"),
                   std::string::npos)
             << name;

@@ -87,10 +87,11 @@ TEST(Lobby, HostLeavesThenKickThenDisconnectThenTheEmptyRoomGoes) {
     EXPECT_EQ(h.takeLogs(), (std::vector<std::string>{"Left room 1 Peers in room: 0", "Disconnected 10.0.0.2:5001",
                                                       "2 peers now", "Empty room \"Room # 1\" with ID 1 deleted. ",
                                                       "Total rooms: 0"}));
-    // IDs are never reused.
-    h.lobby(0, CreateRoom{1, "again", "d", 1});
+    // IDs are never reused. Bytes a client chose reach the log escaped.
+    h.lobby(0, CreateRoom{1, "ag\nain\x1b[2J", "d\x7f", 1});
     EXPECT_EQ(roomOf(h.server.rooms, h.peer(0))->id, 2u);
-    EXPECT_EQ(roomOf(h.server.rooms, h.peer(0))->name, "again");
+    EXPECT_EQ(roomOf(h.server.rooms, h.peer(0))->name, "ag\nain\x1b[2J");
+    EXPECT_EQ(h.takeLogs().back(), "Room \"ag\\x0aain\\x1b[2J\", ID 2, data \"d\\x7f\", checksum 1. Total rooms: 1");
 }
 
 TEST(Lobby, HostRoleSlotStatesSettingsAndSetupConflicts) {
