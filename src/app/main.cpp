@@ -148,6 +148,12 @@ int main(int argc, char** argv) {
             dumpRequested = 0;
             handleKey(*server, 'd');
         }
+        if (reloadRequested) {
+            reloadRequested = 0;
+            // The writer opens the log file by its path for every batch, so
+            // a file moved away by logrotate is already replaced.
+            logMessage("SIGHUP: reloaded the log file (reopened at its path); nothing else to reload");
+        }
         if (reportRequested) {
             reportRequested = 0;
             handleKey(*server, 'r');

@@ -50,7 +50,7 @@ void beginConsoleKeys() {
     if (tcsetattr(STDIN_FILENO, TCSANOW, &raw) != 0) return;
     terminalSaved = true;
     std::atexit(restoreTerminal);
-    for (int sig : {SIGSEGV, SIGABRT, SIGBUS, SIGFPE, SIGILL, SIGHUP, SIGQUIT}) std::signal(sig, onFatalSignal);
+    for (int sig : {SIGSEGV, SIGABRT, SIGBUS, SIGFPE, SIGILL, SIGQUIT}) std::signal(sig, onFatalSignal);
 }
 
 void endConsoleKeys() { restoreTerminal(); }

@@ -3,11 +3,13 @@
 volatile std::sig_atomic_t quitRequested = 0;
 volatile std::sig_atomic_t dumpRequested = 0;
 volatile std::sig_atomic_t reportRequested = 0;
+volatile std::sig_atomic_t reloadRequested = 0;
 
 namespace {
 void onInterrupt(int) { quitRequested = 1; }
 void onDump(int) { dumpRequested = 1; }
 void onReport(int) { reportRequested = 1; }
+void onReload(int) { reloadRequested = 1; }
 
 void install(int sig, void (*handler)(int)) {
     struct sigaction sa{};
@@ -22,6 +24,7 @@ void installStopSignals() {
     install(SIGTERM, onInterrupt);
     install(SIGUSR1, onDump);
     install(SIGUSR2, onReport);
+    install(SIGHUP, onReload);
     // A console reader that goes away (`| head`) must not end the server:
     // the write fails and the console copy of the line is lost.
     install(SIGPIPE, SIG_IGN);

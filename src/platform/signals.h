@@ -8,7 +8,9 @@ extern volatile std::sig_atomic_t quitRequested;
 extern volatile std::sig_atomic_t dumpRequested;
 // SIGUSR2: network and load report, as the 'r' and 't' keys.
 extern volatile std::sig_atomic_t reportRequested;
+// SIGHUP: reload what can be reloaded (the log file is reopened anyway).
+extern volatile std::sig_atomic_t reloadRequested;
 
-// SIGINT and SIGTERM set quitRequested; SIGUSR1 and SIGUSR2 the other two;
-// SIGXFSZ and SIGPIPE are ignored.
+// SIGINT and SIGTERM set quitRequested; SIGUSR1, SIGUSR2 and SIGHUP the other
+// three; SIGXFSZ and SIGPIPE are ignored.
 void installStopSignals();

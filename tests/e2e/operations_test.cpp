@@ -129,6 +129,10 @@ TEST(Operations, DataRootFromElsewhereServiceManagerMetricsAndAnOrderlySigterm) 
         EXPECT_NE(res->body.find(line), std::string::npos) << line << res->body;
     EXPECT_EQ(http.Get("/other")->status, 404);
 
+    // SIGHUP after the log was moved away, as logrotate does: a new file.
+    std::filesystem::rename(server.root() + "/server.log", server.root() + "/server.log.1");
+    kill(server.pid(), SIGHUP);
+    EXPECT_TRUE(server.waitForLog(": SIGHUP: reloaded the log file (reopened at its path); nothing else to reload\n"));
     kill(server.pid(), SIGTERM);
     std::string last;
     while (last != "STOPPING=1" && last != "<none>") last = notice();
