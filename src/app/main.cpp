@@ -7,6 +7,7 @@
 #include <memory>
 #include <string>
 #include <unistd.h>
+#include <vector>
 
 #include <enet/enet.h>
 
@@ -92,7 +93,18 @@ int main(int argc, char** argv) {
     if (options.dataRoot && !enterDataRoot(*options.dataRoot)) return 2;
     if (options.metricsHost) {
         std::string error;
-        if (!startMetricsEndpoint(*options.metricsHost, options.metricsPort, [] { return renderMetrics(unixNow()); }, error)) {
+        auto health = [](HealthAnswer (*check)()) {
+            return [check] {
+                HealthAnswer a = check();
+                return HttpAnswer{a.status, std::move(a.body)};
+            };
+        };
+        std::vector<HttpRoute> routes{
+            {"/metrics", [] { return HttpAnswer{200, renderMetrics(unixNow(), monotonicMicros()), "text/plain; version=0.0.4"}; }},
+            {"/healthz", health([] { return loopHealth(monotonicMicros()); })},
+            {"/readyz", health(readiness)},
+        };
+        if (!startMetricsEndpoint(*options.metricsHost, options.metricsPort, std::move(routes), error)) {
             std::fprintf(stderr, "lockstep-server: %s\n", error.c_str());
             return 2;
         }
@@ -126,14 +138,20 @@ int main(int argc, char** argv) {
     server->storage.start();
     beginConsoleKeys();
     notifyReady();
+    metrics().listening.store(true);
+    // Pinged at a third of the service manager's time-out, so one late turn
+    // is no restart.
+    const std::chrono::microseconds watchdogEvery{watchdogTimeoutMicros() / 3};
 
     using Steady = std::chrono::steady_clock;
     auto nextPublish = Steady::now();
     auto nextKeyRead = Steady::now();
+    auto nextWatchdog = Steady::now();
     unsigned publishes = 0;
     Pacing pacing;
     while (!quitRequested) {
         metrics().loopWakeups.fetch_add(1, std::memory_order_relaxed);
+        metrics().lastTurnMicros.store(monotonicMicros(), std::memory_order_relaxed);
         bool active = serviceStep(*server);
         if (std::uint32_t logged = advancePacing(pacing, active))
             logMessage(" - Interval changed to " + std::to_string(logged));
@@ -162,6 +180,10 @@ int main(int argc, char** argv) {
         if (Steady::now() >= nextPublish) {
             publishStatus(*server, publishes++ % 5 == 0);
             nextPublish = Steady::now() + std::chrono::seconds(1);
+        }
+        if (watchdogEvery.count() != 0 && Steady::now() >= nextWatchdog) {
+            notifyWatchdog();
+            nextWatchdog = Steady::now() + watchdogEvery;
         }
         waitForTraffic(*server, pacing.pollInterval);
     }

@@ -3,6 +3,8 @@
 #include <chrono>
 #include <cstdio>
 
+#include "platform/process.h"
+
 MetricsCounters& metrics() {
     static MetricsCounters counters;
     return counters;
@@ -71,10 +73,29 @@ std::string number(double v) {
 }
 }  // namespace
 
-std::string renderMetrics(std::int64_t nowUnix) {
+double loopTurnAgeSeconds(std::uint64_t nowMicros) {
+    std::uint64_t last = metrics().lastTurnMicros.load(std::memory_order_relaxed);
+    return nowMicros > last ? static_cast<double>(nowMicros - last) / 1e6 : 0.0;
+}
+
+HealthAnswer loopHealth(std::uint64_t nowMicros) {
+    std::uint64_t last = metrics().lastTurnMicros.load(std::memory_order_relaxed);
+    if (last != 0 && nowMicros - last <= kHealthyTurnAgeMicros) return {200, "ok\n"};
+    if (last == 0) return {503, "the main loop has not turned yet\n"};
+    return {503, "the main loop last turned " + number(loopTurnAgeSeconds(nowMicros)) + " s ago\n"};
+}
+
+HealthAnswer readiness() {
+    if (metrics().listening.load()) return {200, "ready\n"};
+    return {503, "not listening yet\n"};
+}
+
+std::string renderMetrics(std::int64_t nowUnix, std::uint64_t nowMicros) {
     auto& m = metrics();
     std::string out;
     out.reserve(4096);
+    family(out, "lockstep_build_info", "gauge", "Always 1; the version of the running server is its label.");
+    out += "lockstep_build_info{version=\"" LOCKSTEP_VERSION "\"} 1\n";
     family(out, "lockstep_peers_connected", "gauge", "Registered peers.");
     sample(out, "lockstep_peers_connected", m.peersConnected.load());
     family(out, "lockstep_rooms", "gauge", "Rooms in the registry.");
@@ -82,9 +103,9 @@ std::string renderMetrics(std::int64_t nowUnix) {
     family(out, "lockstep_matches_running", "gauge", "Rooms whose match is running.");
     sample(out, "lockstep_matches_running", m.matchesRunning.load());
     perChannel(out, "lockstep_messages_received_total", "Packets received, by channel.", m.messagesIn);
-    perChannel(out, "lockstep_bytes_received_total", "Packet bytes received, by channel.", m.bytesIn);
+    perChannel(out, "lockstep_received_bytes_total", "Packet bytes received, by channel.", m.bytesIn);
     perChannel(out, "lockstep_messages_sent_total", "Packets sent (one per recipient), by channel.", m.messagesOut);
-    perChannel(out, "lockstep_bytes_sent_total", "Packet bytes sent (per recipient), by channel.", m.bytesOut);
+    perChannel(out, "lockstep_sent_bytes_total", "Packet bytes sent (per recipient), by channel.", m.bytesOut);
     family(out, "lockstep_malformed_dropped_total", "counter", "Messages dropped because they could not be decoded.");
     sample(out, "lockstep_malformed_dropped_total", m.malformedDropped.load());
     family(out, "lockstep_desyncs_total", "counter", "Desyncs declared.");
@@ -108,5 +129,25 @@ std::string renderMetrics(std::int64_t nowUnix) {
     family(out, "lockstep_uptime_seconds", "gauge", "Seconds since the server started.");
     std::int64_t up = nowUnix - m.startUnix.load();
     sample(out, "lockstep_uptime_seconds", static_cast<std::uint64_t>(up > 0 ? up : 0));
+    family(out, "lockstep_loop_last_turn_age_seconds", "gauge", "Seconds since the main loop last turned.");
+    out += "lockstep_loop_last_turn_age_seconds " + number(loopTurnAgeSeconds(nowMicros)) + "\n";
+
+    ProcessFigures p;
+    if (readProcessFigures(p)) {
+        family(out, "process_cpu_seconds_total", "counter", "Total user and system CPU time spent in seconds.");
+        out += "process_cpu_seconds_total " + number(p.cpuSeconds) + "\n";
+        family(out, "process_resident_memory_bytes", "gauge", "Resident memory size in bytes.");
+        sample(out, "process_resident_memory_bytes", p.residentBytes);
+        family(out, "process_virtual_memory_bytes", "gauge", "Virtual memory size in bytes.");
+        sample(out, "process_virtual_memory_bytes", p.virtualBytes);
+        family(out, "process_open_fds", "gauge", "Number of open file descriptors.");
+        sample(out, "process_open_fds", p.openFds);
+        family(out, "process_max_fds", "gauge", "Maximum number of open file descriptors.");
+        sample(out, "process_max_fds", p.maxFds);
+        family(out, "process_start_time_seconds", "gauge", "Start time of the process since unix epoch in seconds.");
+        char start[32];
+        std::snprintf(start, sizeof start, "%.2f", p.startTimeSeconds);
+        out += std::string("process_start_time_seconds ") + start + "\n";
+    }
     return out;
 }

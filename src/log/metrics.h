@@ -31,6 +31,9 @@ struct MetricsCounters {
     std::atomic<std::uint64_t> stepCount{0};
 
     std::atomic<std::int64_t> startUnix{0};
+    // The main loop's last turn (monotonicMicros) and whether the host listens.
+    std::atomic<std::uint64_t> lastTurnMicros{0};
+    std::atomic<bool> listening{false};
 };
 
 MetricsCounters& metrics();
@@ -57,5 +60,20 @@ void enableStepTiming();
 bool stepTimingEnabled();
 std::uint64_t monotonicMicros();
 
-// The Prometheus text exposition of every counter; uptime against nowUnix.
-std::string renderMetrics(std::int64_t nowUnix);
+// The loop can be trusted while it turned within this many microseconds.
+inline constexpr std::uint64_t kHealthyTurnAgeMicros = 2'000'000;
+
+// Seconds since the loop last turned, against nowMicros (monotonicMicros).
+double loopTurnAgeSeconds(std::uint64_t nowMicros);
+// /healthz: 200 "ok" while the loop turned within kHealthyTurnAgeMicros,
+// else 503 with the age. /readyz: 200 once the host listens, else 503.
+struct HealthAnswer {
+    int status;
+    std::string body;
+};
+HealthAnswer loopHealth(std::uint64_t nowMicros);
+HealthAnswer readiness();
+
+// The Prometheus text exposition of every counter and the process's own
+// figures; uptime against nowUnix, the loop's age against nowMicros.
+std::string renderMetrics(std::int64_t nowUnix, std::uint64_t nowMicros);

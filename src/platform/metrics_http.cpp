@@ -11,12 +11,15 @@ std::unique_ptr<httplib::Server> endpoint;
 std::thread endpointThread;
 }  // namespace
 
-bool startMetricsEndpoint(const std::string& host, std::uint16_t port, std::function<std::string()> render,
+bool startMetricsEndpoint(const std::string& host, std::uint16_t port, std::vector<HttpRoute> routes,
                           std::string& error) {
     endpoint = std::make_unique<httplib::Server>();
-    endpoint->Get("/metrics", [render = std::move(render)](const httplib::Request&, httplib::Response& res) {
-        res.set_content(render(), "text/plain; version=0.0.4");
-    });
+    for (auto& route : routes)
+        endpoint->Get(route.path, [answer = std::move(route.answer)](const httplib::Request&, httplib::Response& res) {
+            HttpAnswer a = answer();
+            res.status = a.status;
+            res.set_content(a.body, a.contentType);
+        });
     if (!endpoint->bind_to_port(host, port)) {
         error = "cannot listen for metrics on " + host + ":" + std::to_string(port);
         endpoint.reset();

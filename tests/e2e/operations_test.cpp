@@ -96,7 +96,7 @@ TEST(Operations, DataRootFromElsewhereServiceManagerMetricsAndAnOrderlySigterm) 
     };
 
     const std::uint16_t httpPort = freePort(true);
-    ServerProcess server(ServerOptions{.directory = "elsewhere", .environment = {"NOTIFY_SOCKET=" + path},
+    ServerProcess server(ServerOptions{.directory = "elsewhere", .environment = {"NOTIFY_SOCKET=" + path, "WATCHDOG_USEC=300000"},
                                        .arguments = {"--data-root", "..", "--metrics",
                                                      "127.0.0.1:" + std::to_string(httpPort)}});
     server.launch();
@@ -121,22 +121,27 @@ TEST(Operations, DataRootFromElsewhereServiceManagerMetricsAndAnOrderlySigterm) 
     EXPECT_EQ(res->status, 200);
     for (const char* line : {"\nlockstep_peers_connected 1\n", "\nlockstep_rooms 0\n",
                              "lockstep_messages_received_total{channel=\"1\",name=\"text\"} 1\n",
-                             "lockstep_bytes_received_total{channel=\"1\",name=\"text\"} 3\n",
+                             "lockstep_received_bytes_total{channel=\"1\",name=\"text\"} 3\n",
                              "lockstep_messages_sent_total{channel=\"1\",name=\"text\"} 1\n",
                              "lockstep_messages_received_total{channel=\"0\",name=\"lobby\"} 1\n",
                              "\nlockstep_malformed_dropped_total 1\n",
-                             "# TYPE lockstep_step_completion_seconds histogram", "\nlockstep_uptime_seconds "})
+                             "# TYPE lockstep_step_completion_seconds histogram", "\nlockstep_uptime_seconds ",
+                             "\nlockstep_build_info{version=\"" LOCKSTEP_VERSION "\"} 1\n", "\nlockstep_loop_last_turn_age_seconds 0",
+                             "\nprocess_open_fds ", "\nprocess_resident_memory_bytes ", "\nprocess_cpu_seconds_total "})
         EXPECT_NE(res->body.find(line), std::string::npos) << line << res->body;
     EXPECT_EQ(http.Get("/other")->status, 404);
+    EXPECT_EQ(http.Get("/healthz")->body, "ok\n");
+    EXPECT_EQ(http.Get("/readyz")->body, "ready\n");
 
     // SIGHUP after the log was moved away, as logrotate does: a new file.
     std::filesystem::rename(server.root() + "/server.log", server.root() + "/server.log.1");
     kill(server.pid(), SIGHUP);
     EXPECT_TRUE(server.waitForLog(": SIGHUP: reloaded the log file (reopened at its path); nothing else to reload\n"));
     kill(server.pid(), SIGTERM);
-    std::string last;
-    while (last != "STOPPING=1" && last != "<none>") last = notice();
+    std::string last, all;
+    while (last != "STOPPING=1" && last != "<none>") all += (last = notice()) + "\n";
     EXPECT_EQ(last, "STOPPING=1");
+    EXPECT_NE(all.find("WATCHDOG=1\n"), std::string::npos);
     EXPECT_EQ(server.wait(), 0);
     EXPECT_NE(server.log().find(": Enet server destroyed\n: Enet server deinitialized\n: ## Ending log\n"),
               std::string::npos);

@@ -1,5 +1,5 @@
 // The dispatch table's refusals, the text relay, and the pure parts of the
-// services: configuration, pacing, the periodic dump, statistics, report
+// services: configuration, pacing, health, the periodic dump, statistics, report
 // names, update file names and the manifest version.
 
 #include <gtest/gtest.h>
@@ -10,6 +10,7 @@
 #include "app/pacing.h"
 #include "app/service.h"
 #include "lobby/lobby.h"
+#include "log/metrics.h"
 #include "platform/clock.h"
 #include "platform/files.h"
 #include "reports/reports.h"
@@ -110,6 +111,21 @@ TEST(Pacing, ClimbsOneMillisecondPer200IdleIterationsAndLogsMultiplesOf40) {
     advancePacing(p, true);
     EXPECT_EQ(p.pollInterval, 2u);
     EXPECT_EQ(p.idleCount, 0u);
+}
+
+TEST(Health, TheLoopIsHealthyForTwoSecondsAfterATurnAndReadyOnceTheHostListens) {
+    auto& m = metrics();
+    EXPECT_EQ(loopHealth(5'000'000).status, 503);  // not turned yet
+    EXPECT_EQ(readiness().status, 503);
+    m.lastTurnMicros.store(10'000'000);
+    m.listening.store(true);
+    EXPECT_EQ(loopHealth(12'000'000).status, 200);
+    EXPECT_EQ(readiness().status, 200);
+    HealthAnswer stalled = loopHealth(12'500'000);
+    EXPECT_EQ(stalled.status, 503);
+    EXPECT_EQ(stalled.body, "the main loop last turned 2.5 s ago\n");
+    m.lastTurnMicros.store(0);
+    m.listening.store(false);
 }
 
 TEST(PeriodicDump, DateNameAndALatchArmedAtMinute3ThatFiresAtMinute1) {

@@ -1,0 +1,59 @@
+#include "platform/process.h"
+
+#include <cstdio>
+#include <cstring>
+#include <dirent.h>
+#include <string>
+#include <sys/resource.h>
+#include <unistd.h>
+
+namespace {
+// Seconds since the epoch at which the system booted.
+double bootTime() {
+    std::FILE* f = std::fopen("/proc/stat", "r");
+    if (f == nullptr) return 0;
+    char line[256];
+    unsigned long long btime = 0;
+    while (std::fgets(line, sizeof line, f))
+        if (std::sscanf(line, "btime %llu", &btime) == 1) break;
+    std::fclose(f);
+    return static_cast<double>(btime);
+}
+}  // namespace
+
+bool readProcessFigures(ProcessFigures& figures) {
+    figures = ProcessFigures{};
+    std::FILE* f = std::fopen("/proc/self/stat", "r");
+    if (f == nullptr) return false;
+    char buf[1024];
+    std::size_t n = std::fread(buf, 1, sizeof buf - 1, f);
+    std::fclose(f);
+    buf[n] = '\0';
+    // The command name may hold blanks and parentheses: the fields start
+    // after the last ')'.
+    const char* rest = std::strrchr(buf, ')');
+    if (rest == nullptr) return false;
+    unsigned long utime = 0, stime = 0, vsize = 0;
+    unsigned long long start = 0;
+    long rss = 0;
+    // Fields 3.. : state ppid pgrp session tty tpgid flags minflt cminflt
+    // majflt cmajflt utime stime cutime cstime priority nice threads
+    // itrealvalue starttime vsize rss.
+    if (std::sscanf(rest + 1, " %*c %*d %*d %*d %*d %*d %*u %*u %*u %*u %*u %lu %lu %*d %*d %*d %*d %*d %*d %llu %lu %ld",
+                    &utime, &stime, &start, &vsize, &rss) != 5)
+        return false;
+    const double ticks = static_cast<double>(sysconf(_SC_CLK_TCK));
+    figures.cpuSeconds = static_cast<double>(utime + stime) / ticks;
+    figures.startTimeSeconds = bootTime() + static_cast<double>(start) / ticks;
+    figures.virtualBytes = vsize;
+    figures.residentBytes = static_cast<std::uint64_t>(rss > 0 ? rss : 0) * static_cast<std::uint64_t>(sysconf(_SC_PAGESIZE));
+    if (DIR* d = opendir("/proc/self/fd")) {
+        while (dirent* e = readdir(d))
+            if (e->d_name[0] != '.') ++figures.openFds;
+        closedir(d);
+        if (figures.openFds > 0) --figures.openFds;  // the directory being read
+    }
+    rlimit limit{};
+    if (getrlimit(RLIMIT_NOFILE, &limit) == 0) figures.maxFds = limit.rlim_cur;
+    return true;
+}
