@@ -8,7 +8,7 @@ DATA_ROOT ?= var
 # Debian packages the build and the tests need.
 PACKAGES := g++ cmake make pkg-config libenet-dev libgtest-dev libcli11-dev libsystemd-dev libcpp-httplib-dev faketime
 
-.PHONY: all deps deps-sanitize build run test test-asan fuzz soak install deb clean bench
+.PHONY: all deps deps-sanitize build build-server run test test-asan fuzz soak install deb clean bench
 
 FUZZ_SECONDS ?= 30
 
@@ -33,10 +33,21 @@ build: deps
 	cmake --build $(BUILD_DIR) -j $(JOBS)
 
 # A ready data root: the server runs from inside it, so its data root is "./".
+# The example configuration is copied once; later edits to it are kept.
 $(DATA_ROOT)/server_data:
 	mkdir -p $(DATA_ROOT)/server_data/update_data $(DATA_ROOT)/server_data/announcements
 
-run: build $(DATA_ROOT)/server_data
+$(DATA_ROOT)/settings/server.config:
+	mkdir -p $(DATA_ROOT)/settings
+	cp packaging/example/settings/server.config $@
+
+# Only the server: the tests, tools and fuzzers are built by `make test`.
+build-server: deps
+	cmake -S . -B $(BUILD_DIR) -DCMAKE_BUILD_TYPE=RelWithDebInfo
+	cmake --build $(BUILD_DIR) -j $(JOBS) --target lockstep-server
+
+run: build-server $(DATA_ROOT)/server_data $(DATA_ROOT)/settings/server.config
+	@echo "lockstep-server: the port is the first line of $(DATA_ROOT)/settings/server.config; stop with Ctrl+C"
 	cd $(DATA_ROOT) && exec ../$(BUILD_DIR)/lockstep-server
 
 test: build

@@ -49,4 +49,9 @@ status=$?
 pid=""
 [ "$status" -eq 0 ]
 tail -n 1 "$work/root/server.log" | grep -qx ': ## Ending log'
+# `make run` builds the server alone and puts the example configuration in place.
+plan="$(make -n -C "$(dirname "$0")/../.." run BUILD_DIR="$work/b" DATA_ROOT="$work/var")"
+grep -q -- "--build $work/b -j [0-9]* --target lockstep-server$" <<<"$plan" || { echo "make run: target"; exit 1; }
+! grep -q -- "--build $work/b -j [0-9]*$" <<<"$plan" || { echo "make run builds everything"; exit 1; }
+grep -q "^cp packaging/example/settings/server.config $work/var/settings/server.config$" <<<"$plan"
 echo "install test: 1 passed, 0 failed"
