@@ -117,6 +117,8 @@ int main(int argc, char** argv) {
         std::fprintf(stderr, "lockstep-server: %s\n", rootError.c_str());
         return 1;
     }
+    if (dataRootPrefix() == "../")
+        std::fprintf(stderr, "lockstep-server: warning: no server_data/ here; the data root is the parent directory\n");
     startLog("server.log");
     logMessage("path: " + dataRootPrefix());
 

@@ -44,7 +44,11 @@ ServerConfig parseServerConfig(const std::string& text) {
         pos = end == std::string::npos ? text.size() : end + 1;
     }
     ServerConfig config;
-    config.port = static_cast<std::uint16_t>(leadingInteger(lines[0]));
+    const std::uint64_t port = leadingInteger(lines[0]);
+    config.port = static_cast<std::uint16_t>(port);
+    if (port > 65535)
+        config.warnings.push_back("settings/server.config: port " + lines[0].substr(0, 40) +
+                                  " is above 65535; listening on " + std::to_string(config.port) + " (its low 16 bits)");
     config.description = lines[1];
     config.statisticsEnabled = leadingInteger(lines[2]) != 0;
     return config;
@@ -52,7 +56,12 @@ ServerConfig parseServerConfig(const std::string& text) {
 
 ServerConfig readServerConfig() {
     std::FILE* f = openFileForPath(dataRootPrefix() + "settings/server.config", "r");
-    if (f == nullptr) return ServerConfig{};
+    if (f == nullptr) {
+        ServerConfig defaults;
+        defaults.warnings.push_back("no settings/server.config in the data root " + dataRootPrefix() +
+                                    "; using port " + std::to_string(kDefaultPort) + ", an empty description and no statistics");
+        return defaults;
+    }
     std::string text;
     char buf[4096];
     std::size_t n;
@@ -67,6 +76,7 @@ void startServer(Server& server) {
     server.eventDumpArmed = true;
     server.bytesReceived = 0;
     ServerConfig config = readServerConfig();
+    for (const auto& warning : config.warnings) std::fprintf(stderr, "lockstep-server: warning: %s\n", warning.c_str());
     server.serverDescription = config.description;
     server.statisticsEnabled = config.statisticsEnabled;
     server.rooms.nextRoomId = 1;

@@ -43,6 +43,9 @@ struct ServerConfig {
     std::uint16_t port = kDefaultPort;
     std::string description;
     bool statisticsEnabled = false;
+    // What cannot be what the operator meant (a port above 65535, a missing
+    // file); said on stderr at start, never in the log.
+    std::vector<std::string> warnings;
 };
 
 // Reads the three lines of a configuration text; a missing line counts as

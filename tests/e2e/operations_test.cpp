@@ -42,9 +42,16 @@ TEST(Binary, LogFromStartToStopConnectionsTextAndASecondServerOnThePort) {
 
     // Started one directory below a data root, a server takes "../" for it,
     // reads the port there and, finding it taken, exits with status 1.
-    ServerProcess second(ServerOptions{.port = server.port(), .directory = "run"});
+    // A port above 65535 and the parent directory as data root are warned of
+    // on stderr only.
+    ServerProcess second(ServerOptions{.directory = "run"});
+    second.writeFile("settings/server.config", std::to_string(server.port() + 65536) + "\n");
     second.launch();
     EXPECT_EQ(second.wait(5000), 1);
+    EXPECT_EQ(second.consoleErrors(), "lockstep-server: warning: no server_data/ here; the data root is the parent "
+                                      "directory\nlockstep-server: warning: settings/server.config: port " +
+                                          std::to_string(server.port() + 65536) + " is above 65535; listening on " +
+                                          std::to_string(server.port()) + " (its low 16 bits)\n");
     EXPECT_EQ(second.log().rfind(": ## Starting log\n: path: ../\n", 0), 0u) << second.log();
     EXPECT_NE(second.log().find(": #### ERROR \n|||| An error occurred while trying to create an ENet server "
                                 "host.\n\n####\n"),

@@ -81,19 +81,27 @@ TEST(Config, LinesPortDescriptionAndStatistics) {
         unsigned port;
         const char* description;
         bool statistics;
+        bool warned = false;  // a port above 65535
     } cases[] = {
         {"2000 and more words\r\nMy server\r\n1\r\n", 2000, "My server", true},
         {"", 0, "", false},
         {"abc\n\nyes\n", 0, "", false},
-        {"70000\nd\n 7\nignored\n", 70000 & 0xFFFF, "d", true},
-        {"-1\n", 65535, "", false},
+        {"70000\nd\n 7\nignored\n", 70000 & 0xFFFF, "d", true, true},
+        {"-1\n", 65535, "", false, true},
     };
     for (const auto& c : cases) {
         ServerConfig config = parseServerConfig(c.text);
         EXPECT_EQ(config.port, c.port) << c.text;
         EXPECT_EQ(config.description, c.description) << c.text;
         EXPECT_EQ(config.statisticsEnabled, c.statistics) << c.text;
+        EXPECT_EQ(config.warnings.size(), c.warned ? 1u : 0u) << c.text;
     }
+    EXPECT_EQ(parseServerConfig("70000\n").warnings[0],
+              "settings/server.config: port 70000 is above 65535; listening on 4464 (its low 16 bits)");
+    TempDataRoot root;
+    EXPECT_EQ(readServerConfig().warnings, std::vector<std::string>{"no settings/server.config in the data root " +
+                                                                    dataRootPrefix() + "; using port 1984, an empty "
+                                                                    "description and no statistics"});
 }
 
 TEST(Pacing, ClimbsOneMillisecondPer200IdleIterationsAndLogsMultiplesOf40) {
