@@ -6,7 +6,7 @@ JOBS ?= $(shell nproc 2>/dev/null || echo 2)
 DATA_ROOT ?= var
 
 # Debian packages the build and the tests need.
-PACKAGES := g++ cmake make pkg-config libenet-dev libgtest-dev libcli11-dev libsystemd-dev libcpp-httplib-dev faketime
+PACKAGES := g++ cmake make pkg-config libenet-dev libgtest-dev libcli11-dev libsystemd-dev libcpp-httplib-dev faketime dpkg-dev
 
 .PHONY: all deps deps-sanitize build build-server run test test-asan fuzz soak install deb clean bench
 
@@ -98,8 +98,11 @@ bench: build
 install: build
 	DESTDIR=$(DESTDIR) cmake --install $(BUILD_DIR) --prefix $(PREFIX)
 
+# The package's binary is stripped; its debug symbols are kept beside it in
+# build/lockstep-server.debug (found by gdb through the build ID).
 deb: build
 	cd $(BUILD_DIR) && cpack -G DEB
+	objcopy --only-keep-debug $(BUILD_DIR)/lockstep-server $(BUILD_DIR)/lockstep-server.debug
 
 clean:
 	rm -rf $(BUILD_DIR)

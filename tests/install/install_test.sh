@@ -8,9 +8,12 @@ trap 'kill "$pid" 2>/dev/null || true; rm -rf "$work"' EXIT
 pid=""
 
 DESTDIR="$work/dest" cmake --install "$build" --prefix /usr >/dev/null
-expected="usr/bin/lockstep-server
+expected="etc/lockstep-server/server.config
+usr/bin/lockstep-server
 usr/lib/systemd/system/lockstep-server@.service
 usr/share/doc/lockstep-server/README.md
+usr/share/doc/lockstep-server/changelog.gz
+usr/share/doc/lockstep-server/copyright
 usr/share/doc/lockstep-server/operations.md
 usr/share/lockstep-server/example/README.txt
 usr/share/lockstep-server/example/server_data/announcements/
@@ -31,7 +34,12 @@ listing="$(dpkg-deb -c "$deb" | awk '{print $6}')"
 for f in $expected; do
   grep -qx "./$f" <<<"$listing" || { echo "missing from the package: $f"; exit 1; }
 done
-dpkg-deb -f "$deb" Depends | grep -q libenet7
+# Depends computed from the binary's libraries; the /etc file a conffile; the
+# binary stripped.
+dpkg-deb -f "$deb" Depends | grep -q 'libc6 (>= '
+dpkg-deb --ctrl-tarfile "$deb" | tar -xO ./conffiles | grep -qx /etc/lockstep-server/server.config
+dpkg-deb --fsys-tarfile "$deb" | tar -xO ./usr/bin/lockstep-server >"$work/packaged"
+! readelf -S "$work/packaged" | grep -q '\.debug_info' || { echo "packaged binary not stripped"; exit 1; }
 
 # The installed binary from a copy of the example data root, on a free port.
 cp -r "$work/dest/usr/share/lockstep-server/example" "$work/root"
