@@ -91,7 +91,7 @@ Bytes readFileData(const std::string& name, std::string& problem) {
     if (!real.empty() && !root.empty()) {
         auto [r, p] = std::mismatch(root.begin(), root.end(), real.begin(), real.end());
         if (r != root.end()) {
-            problem = "|||| Refused file request \"" + name + "\": it leads outside the update data";
+            problem = "|||| Refused file request \"" + printable(name) + "\": it leads outside the update data";
             return message;
         }
     }
@@ -101,7 +101,7 @@ Bytes readFileData(const std::string& name, std::string& problem) {
     // A message ENet would refuse to send would leave the client waiting for
     // ever: it gets length 0 instead, like a missing file.
     if (size > kMaxPacketSize - headerSize) {
-        problem = "|||| Update file \"" + name + "\" is too large to send: " + std::to_string(size) + " bytes";
+        problem = "|||| Update file \"" + printable(name) + "\" is too large to send: " + std::to_string(size) + " bytes";
         return message;
     }
     if (size == 0) return message;
