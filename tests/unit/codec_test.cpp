@@ -166,7 +166,8 @@ TEST(Codec, OrdersShortFormStepDoneMarkAndResyncOrder) {
     full.orderType = 5;
     EXPECT_EQ(serializeOrder(full), words({1, 4, 0xDEAD}));
     full.firstList = kFirst;
-    auto longForm = parseOrder(serializeOrder(full));
+    const Bytes longBytes = serializeOrder(full);  // the order views it
+    auto longForm = parseOrder(longBytes);
     ASSERT_TRUE(longForm);
     EXPECT_FALSE(isStepDoneOrder(*longForm));
     EXPECT_EQ(longForm->messageType, 1u);
