@@ -58,7 +58,6 @@ public:
         std::uint32_t n = r_.count(minElementSize);
         if (n > maxCount) r_.fail();
         if (!r_.ok()) return;
-        v.clear();
         v.reserve(n);
         for (std::uint32_t i = 0; i < n && r_.ok(); ++i) each(*this, v.emplace_back());
     }

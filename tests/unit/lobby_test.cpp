@@ -166,18 +166,22 @@ TEST(Lobby, StartRefusedThenStartedConfirmedAndRunning) {
     EXPECT_FALSE(room.startRequested);
 
     // P2 ready, eight locations, P1 gone: the start compacts P2 into slot 1.
+    // A player without a connection who is not ready does not hold it up.
     h.lobby(0, GameSettings{});
     h.lobby(2, setupOf(2, 1, "P2"));
     h.lobby(1, LeaveRoom{});
+    h.lobby(0, setupOf(6, 0, "bot"));
     h.lobby(0, StartGame{});
     h.takeSent();
     h.step();
     ASSERT_EQ(room.slots[1].peer, h.peer(2));
     EXPECT_EQ(seatOf(h.server.rooms, h.peer(2))->slot, 1u);
-    // Two humans who chose nothing on a fresh generator: tags 1 and 3,
-    // locations 1 and 3.
+    // Three records that chose nothing on a fresh generator: tags 1, 3 and 4,
+    // locations 1, 3 and 8.
     Bytes p0 = encode(setupOf(0, 1, "P0", 1, 1)), p2 = encode(setupOf(2, 1, "P2", 3, 3));
-    EXPECT_EQ(h.takeSent(), toEach({0, 2}, 0, p0) + toEach({0, 2}, 0, p2) + toEach({0, 2}, 0, encode(StartGame{})));
+    Bytes bot = encode(setupOf(6, 0, "bot", 4, 8));
+    EXPECT_EQ(h.takeSent(), toEach({0, 2}, 0, p0) + toEach({0, 2}, 0, p2) + toEach({0, 2}, 0, bot) +
+                                toEach({0, 2}, 0, encode(StartGame{})));
     EXPECT_TRUE(room.started && !room.open && !room.running);
     h.lobby(0, StartGame{});
     h.step();
