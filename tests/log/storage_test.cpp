@@ -54,7 +54,7 @@ TEST(Storage, AFileThatCannotBeWrittenWholeLeavesNothingBehind) {
     setrlimit(RLIMIT_FSIZE, &saved);
     EXPECT_FALSE(committed);
     EXPECT_FALSE(appended);
-    EXPECT_EQ(readFile(path + ".log"), "first\n");
+    EXPECT_EQ(readWholeFile(path + ".log"), "first\n");
     EXPECT_EQ(std::distance(std::filesystem::directory_iterator(root / "d"), {}), 1);  // no file, no temporary
     EXPECT_FALSE(appendToFile("/dev/full", "x"));
 

@@ -1,8 +1,6 @@
 #include "support/harness.h"
 
 #include <cstring>
-#include <fstream>
-#include <sstream>
 #include <utility>
 
 #include "app/dispatch.h"
@@ -126,11 +124,4 @@ TempDataRoot::~TempDataRoot() {
     setClockForTests(std::nullopt);
     std::error_code ec;
     std::filesystem::remove_all(root_, ec);
-}
-
-std::string readFile(const std::filesystem::path& path) {
-    std::ifstream in(path, std::ios::binary);
-    std::ostringstream out;
-    out << in.rdbuf();
-    return out.str();
 }

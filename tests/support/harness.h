@@ -15,6 +15,7 @@
 
 #include "app/server.h"
 #include "protocol/messages.h"
+#include "support/files.h"
 
 // One packet the server sent: to which fake peer, on which channel, what.
 struct Sent {
@@ -82,4 +83,3 @@ private:
     std::string savedPrefix_;
     std::filesystem::path root_;
 };
-std::string readFile(const std::filesystem::path& path);

@@ -126,29 +126,27 @@ TEST(Codec, SlotsAboveSevenCountsBeyondThePacketAndBrokenBundlesAreMalformed) {
 }
 
 TEST(Codec, EveryClientStringAndListHasACap) {
-    auto at = [](std::size_t cap, std::size_t over) { return std::string(cap + over, 'x'); };
     for (std::size_t over : {0u, 1u}) {
         SCOPED_TRACE(over);
-        const bool fits = over == 0;
-        EXPECT_EQ(decode<CreateRoom>(encode(CreateRoom{1, at(kMaxNameLength, over), "d"})).has_value(), fits);
-        EXPECT_EQ(decode<CreateRoom>(encode(CreateRoom{1, "r", at(kMaxNameLength, over)})).has_value(), fits);
-        EXPECT_EQ(decode<Text>(encode(Text{at(kMaxTextLength, over)})).has_value(), fits);
-        EXPECT_EQ(decode<FileRequest>(encode(FileRequest{1, at(kMaxFileNameLength, over)})).has_value(), fits);
-        EXPECT_EQ(decode<GameSettings>(encode(GameSettings{1, 0, at(kMaxNameLength, over)})).has_value(), fits);
-        EXPECT_EQ(decode<TrackEvent>(encode(TrackEvent{1, "", "", 0, 0, at(kMaxTextLength, over)})).has_value(), fits);
-        EXPECT_EQ(decode<FeedbackReport>(encode(FeedbackReport{1, "", at(kMaxNameLength, over)})).has_value(), fits);
-        EXPECT_EQ(decode<DeterminismTestReport>(encode(DeterminismTestReport{1, "", "", "", at(kMaxDescriptionLength, over)}))
-                      .has_value(),
-                  fits);
-        PlayerSetup setup;
-        setup.playerName = at(kMaxNameLength, over);
-        EXPECT_EQ(decode<PlayerSetup>(encode(setup)).has_value(), fits);
-        setup.playerName.clear();
-        setup.clientStrings.assign(kMaxClientEntries + over, "s");
-        EXPECT_EQ(decode<PlayerSetup>(encode(setup)).has_value(), fits);
-        setup.clientStrings.clear();
-        setup.clientPairs.assign(kMaxClientEntries + over, {1, "p"});
-        EXPECT_EQ(decode<PlayerSetup>(encode(setup)).has_value(), fits);
+        auto x = [over](std::size_t cap) { return std::string(cap + over, 'x'); };
+        PlayerSetup named, strings, pairs;
+        named.playerName = x(kMaxNameLength);
+        strings.clientStrings.assign(kMaxClientEntries + over, "s");
+        pairs.clientPairs.assign(kMaxClientEntries + over, {1, "p"});
+        const bool decoded[] = {
+            decode<CreateRoom>(encode(CreateRoom{1, x(kMaxNameLength), "d"})).has_value(),
+            decode<CreateRoom>(encode(CreateRoom{1, "r", x(kMaxNameLength)})).has_value(),
+            decode<Text>(encode(Text{x(kMaxTextLength)})).has_value(),
+            decode<FileRequest>(encode(FileRequest{1, x(kMaxFileNameLength)})).has_value(),
+            decode<GameSettings>(encode(GameSettings{1, 0, x(kMaxNameLength)})).has_value(),
+            decode<TrackEvent>(encode(TrackEvent{1, "", "", 0, 0, x(kMaxTextLength)})).has_value(),
+            decode<FeedbackReport>(encode(FeedbackReport{1, "", x(kMaxNameLength)})).has_value(),
+            decode<DeterminismTestReport>(encode(DeterminismTestReport{1, "", "", "", x(kMaxDescriptionLength)})).has_value(),
+            decode<PlayerSetup>(encode(named)).has_value(),
+            decode<PlayerSetup>(encode(strings)).has_value(),
+            decode<PlayerSetup>(encode(pairs)).has_value(),
+        };
+        for (std::size_t i = 0; i < std::size(decoded); ++i) EXPECT_EQ(decoded[i], over == 0) << "case " << i;
     }
 }
 
@@ -178,22 +176,4 @@ TEST(Codec, OrdersShortFormStepDoneMarkAndResyncOrder) {
     EXPECT_EQ(serializeOrder(resync),
               Writer().u32(1).u32(3).u32(0xFFFFFFFFu).u32(0).u32(902).u32(0).u32(0xFFFFFFFFu).u32(0xFFFFFFFFu)
                   .u32(0).u32(0).u32(0).u8(0).str("").take());
-}
-
-TEST(Reader, EveryReadPastTheEndFailsAndStaysFailed) {
-    Bytes b{1, 0, 0, 0, 'a', 0};
-    Reader r(b);
-    EXPECT_EQ(r.u32(), 1u);
-    EXPECT_EQ(r.str(), "a");
-    EXPECT_TRUE(r.ok());
-    EXPECT_EQ(r.u8(), 0u);
-    EXPECT_FALSE(r.ok());
-    Reader empty(nullptr, 0);
-    EXPECT_EQ(empty.strView(), "");
-    EXPECT_FALSE(empty.ok());
-    Bytes blob{5, 0, 0, 0, 1, 2};
-    Reader shortBlob(blob);
-    EXPECT_TRUE(shortBlob.blob().empty());
-    EXPECT_FALSE(shortBlob.ok());
-    EXPECT_EQ(shortBlob.u8(), 0u);  // a later read that would fit fails too
 }

@@ -135,8 +135,8 @@ TEST(Match, ResyncReportsFileTheEvidenceAndEndTheResync) {
     h.receive(2, kMatchControlChannel, report);  // a stranger's report does nothing
     EXPECT_TRUE(h.takeSent().empty());
     h.receive(1, kMatchControlChannel, report);
-    EXPECT_EQ(readFile(root / "server_data/resyncs/room1_desync2_peer1.world"), "\x01\x02\x03");
-    EXPECT_EQ(readFile(root / "server_data/resyncs/room1_desync2_peer1.log"), "log");
+    EXPECT_EQ(readWholeFile(root / "server_data/resyncs/room1_desync2_peer1.world"), "\x01\x02\x03");
+    EXPECT_EQ(readWholeFile(root / "server_data/resyncs/room1_desync2_peer1.log"), "log");
     EXPECT_EQ(room.match.resyncStep, 0xFFFFFFFFu);
     EXPECT_EQ(room.match.delayHold, kMaxDelayHold);
     EXPECT_EQ(h.takeSent(), toEach({0, 1}, kMatchControlChannel, report));

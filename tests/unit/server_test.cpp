@@ -34,6 +34,7 @@ TEST(Dispatch, EveryRefusalIsOneLineAndNothingIsSent) {
         {0, {1, 2, 3}, "|||| Malformed packet on channel 0, 3 bytes. Dropped"},
         {6, {}, "|||| Malformed packet on channel 6, 0 bytes. Dropped"},
         {1, {'a', 'b'}, "|||| Malformed text on channel 1, 2 bytes. Dropped"},
+        {1, {}, "|||| Malformed text on channel 1, 0 bytes. Dropped"},
         {0, words({2, 1}), "|||| Malformed CreateRoom on channel 0, 8 bytes. Dropped"},
         {0, words({7, 1, 8, 0}), "|||| Malformed SlotState on channel 0, 16 bytes. Dropped"},
         {0, words({14}), "|||| Malformed StartGame on channel 0, 4 bytes. Dropped"},
@@ -147,7 +148,7 @@ TEST(PeriodicDump, DateNameAndALatchArmedAtMinute3ThatFiresAtMinute1) {
     checkPeriodicDump(h.server, t);
     EXPECT_TRUE(h.server.events.empty());
     EXPECT_FALSE(h.server.eventDumpArmed);
-    EXPECT_EQ(readFile(root / "server_data/stats/126_03_05.events"),
+    EXPECT_EQ(readWholeFile(root / "server_data/stats/126_03_05.events"),
               "eventIndex = 0\ntype = 7\nplayerName = p\nsourceIP = 1\ndataset = d\ndatasetChecksum = 2\n"
               "additionalEventData = x\ntimestamp = 3\n");
     t.tm_min = 8;
@@ -165,7 +166,7 @@ TEST(Events, AFloodGoesToTheDumpFileOfTheDayInsteadOfMemory) {
     h.connect(0);
     for (std::size_t i = 0; i <= kSpillEvents; ++i) h.receive(0, kEventTrackingChannel, encode(TrackEvent{1, "p"}));
     EXPECT_EQ(h.server.events.size(), 1u);
-    const std::string dump = readFile(root / ("server_data/stats/" + periodicDumpName(localNow()) + ".events"));
+    const std::string dump = readWholeFile(root / ("server_data/stats/" + periodicDumpName(localNow()) + ".events"));
     EXPECT_EQ(std::count(dump.begin(), dump.end(), '\n'), 8 * static_cast<long>(kSpillEvents));
 }
 
@@ -227,7 +228,7 @@ TEST(Files, WholeFilesOnlyAndSameSecondReportsGetSuffixes) {
     EXPECT_FALSE(std::filesystem::exists(path));  // nobody sees half a file
     ASSERT_TRUE(first.commit());
     ASSERT_TRUE(appendToFile(path, "two"));
-    EXPECT_EQ(readFile(path), "onetwo");
+    EXPECT_EQ(readWholeFile(path), "onetwo");
     std::filesystem::create_directories(path + ".dir");
     EXPECT_FALSE(FileWriter().open(path + ".dir"));
     EXPECT_FALSE(appendToFile(path + ".dir", "x"));
