@@ -64,9 +64,8 @@ void appendEvents(Storage& storage, Events& events, const std::string& path, std
 }  // namespace
 
 void dumpEvents(Storage& storage, Events& events, ServerStatistics& statistics, const std::string& name) {
-    logMessage("Dumping stats to " + name);
     const std::string base = dataRootPrefix() + "server_data/stats/" + name;
-    dumpStatistics(storage, statistics, base);
+    dumpStatistics(storage, statistics, base, "Dumping stats to " + name);
     appendEvents(storage, events, base + ".events");
 }
 

@@ -103,16 +103,19 @@ std::string formatStatistics(const ServerStatistics& s, std::int64_t now) {
     return out;
 }
 
-void dumpStatistics(Storage& storage, ServerStatistics& statistics, const std::string& path) {
+void dumpStatistics(Storage& storage, ServerStatistics& statistics, const std::string& path, std::string firstLine) {
     std::string file = path + ".serverstats";
     std::string block = formatStatistics(statistics, unixNow());
     resetStatistics(statistics);
     const std::size_t size = block.size();
     // Appended in one piece, so that a reader (or a crash) never meets half a block.
     storage.submit(
-        [file = std::move(file), block = std::move(block)]() -> Storage::Completion {
+        [file = std::move(file), block = std::move(block), firstLine = std::move(firstLine)]() -> Storage::Completion {
             bool written = appendToFile(file, block);
-            return [file, written] { logMessage((written ? "Dumped stats to " : "Failed to dump stats to ") + file); };
+            return [file, written, firstLine] {
+                if (!firstLine.empty()) logMessage(firstLine);
+                logMessage((written ? "Dumped stats to " : "Failed to dump stats to ") + file);
+            };
         },
         size);
 }

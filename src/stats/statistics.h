@@ -34,7 +34,9 @@ void recordFinishedGame(ServerStatistics& statistics, const Room& room);
 // The block a dump appends, with its first line measured up to now.
 std::string formatStatistics(const ServerStatistics& statistics, std::int64_t now);
 // Takes the block and resets; the storage worker appends it to
-// path + ".serverstats" and the loop logs the outcome.
-void dumpStatistics(Storage& storage, ServerStatistics& statistics, const std::string& path);
+// path + ".serverstats" and the loop logs the outcome, after firstLine when
+// one is given (so the lines of one dump stay together in the log).
+void dumpStatistics(Storage& storage, ServerStatistics& statistics, const std::string& path,
+                    std::string firstLine = {});
 // "1d 2h 3m 4s", leading zero units left out: 0s, 1m 0s, 1h 0m 0s.
 std::string formatDuration(std::uint32_t seconds);
