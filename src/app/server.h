@@ -2,7 +2,6 @@
 // The composition root: the one object that owns every part of the running
 // server. Handlers are given only the parts they use.
 
-#include <array>
 #include <cstdint>
 #include <set>
 #include <string>
@@ -12,9 +11,9 @@
 
 #include "lobby/room.h"
 #include "platform/storage.h"
-#include "update/downloads.h"
 #include "stats/events.h"
 #include "stats/statistics.h"
+#include "update/downloads.h"
 
 inline constexpr std::uint16_t kDefaultPort = 1984;
 inline constexpr std::size_t kMaxPeers = 1024;
@@ -34,9 +33,10 @@ struct Server {
     std::set<ENetPeer*> peers;
     RoomRegistry rooms;
     std::uint32_t bytesReceived = 0;
-    // Every file written or update file read goes through here.
-    Storage storage;
     Downloads downloads;
+    // Every file written or update file read goes through here. Declared
+    // last, so it is drained while everything its completions reach exists.
+    Storage storage;
 };
 
 struct ServerConfig {
