@@ -153,7 +153,9 @@ int main(int argc, char** argv) {
     Pacing pacing;
     while (!quitRequested) {
         metrics().loopWakeups.fetch_add(1, std::memory_order_relaxed);
-        metrics().lastTurnMicros.store(monotonicMicros(), std::memory_order_relaxed);
+        const std::uint64_t turnStart = monotonicMicros();
+        const std::uint64_t turnCpuStart = stepTimingEnabled() ? threadCpuMicros() : 0;
+        metrics().lastTurnMicros.store(turnStart, std::memory_order_relaxed);
         bool active = serviceStep(*server);
         if (std::uint32_t logged = advancePacing(pacing, active))
             logMessage(" - Interval changed to " + std::to_string(logged));
@@ -186,6 +188,10 @@ int main(int argc, char** argv) {
         if (watchdogEvery.count() != 0 && Steady::now() >= nextWatchdog) {
             notifyWatchdog();
             nextWatchdog = Steady::now() + watchdogEvery;
+        }
+        if (stepTimingEnabled()) {
+            metrics().loopTurn.observe(static_cast<double>(monotonicMicros() - turnStart) / 1e6);
+            metrics().loopTurnCpu.observe(static_cast<double>(threadCpuMicros() - turnCpuStart) / 1e6);
         }
         waitForTraffic(*server, pacing.pollInterval);
     }

@@ -23,14 +23,15 @@ std::uint64_t monotonicMicros() {
                                           .count());
 }
 
-void observeStepCompletion(double seconds) {
-    auto& m = metrics();
+void Histogram::observe(double seconds) {
     std::size_t i = 0;
-    while (i < MetricsCounters::kStepBuckets.size() && seconds > MetricsCounters::kStepBuckets[i]) ++i;
-    m.stepBucketCounts[i].fetch_add(1, std::memory_order_relaxed);
-    m.stepSumMicros.fetch_add(static_cast<std::uint64_t>(seconds * 1e6), std::memory_order_relaxed);
-    m.stepCount.fetch_add(1, std::memory_order_relaxed);
+    while (i < bounds.size() && seconds > bounds[i]) ++i;
+    counts[i].fetch_add(1, std::memory_order_relaxed);
+    sumMicros.fetch_add(static_cast<std::uint64_t>(seconds * 1e6), std::memory_order_relaxed);
+    count.fetch_add(1, std::memory_order_relaxed);
 }
+
+void observeStepCompletion(double seconds) { metrics().stepCompletion.observe(seconds); }
 
 namespace {
 const char* channelName(std::size_t c) {
@@ -70,6 +71,19 @@ std::string number(double v) {
     char buf[32];
     std::snprintf(buf, sizeof buf, "%g", v);
     return buf;
+}
+
+void histogram(std::string& out, const std::string& name, const char* help, const Histogram& h) {
+    family(out, name.c_str(), "histogram", help);
+    std::uint64_t cumulative = 0;
+    for (std::size_t i = 0; i < h.bounds.size(); ++i) {
+        cumulative += h.counts[i].load();
+        sample(out, name + "_bucket{le=\"" + number(h.bounds[i]) + "\"}", cumulative);
+    }
+    cumulative += h.counts.back().load();
+    sample(out, name + "_bucket{le=\"+Inf\"}", cumulative);
+    out += name + "_sum " + number(static_cast<double>(h.sumMicros.load()) / 1e6) + "\n";
+    sample(out, name + "_count", h.count.load());
 }
 }  // namespace
 
@@ -112,18 +126,12 @@ std::string renderMetrics(std::int64_t nowUnix, std::uint64_t nowMicros) {
     sample(out, "lockstep_desyncs_total", m.desyncs.load());
     family(out, "lockstep_steps_completed_total", "counter", "Steps announced as completed.");
     sample(out, "lockstep_steps_completed_total", m.stepsCompleted.load());
-    family(out, "lockstep_step_completion_seconds", "histogram",
-           "Time from the first step-done report of a step to its completion notice.");
-    std::uint64_t cumulative = 0;
-    for (std::size_t i = 0; i < MetricsCounters::kStepBuckets.size(); ++i) {
-        cumulative += m.stepBucketCounts[i].load();
-        sample(out, "lockstep_step_completion_seconds_bucket{le=\"" + number(MetricsCounters::kStepBuckets[i]) + "\"}",
-               cumulative);
-    }
-    cumulative += m.stepBucketCounts.back().load();
-    sample(out, "lockstep_step_completion_seconds_bucket{le=\"+Inf\"}", cumulative);
-    out += "lockstep_step_completion_seconds_sum " + number(static_cast<double>(m.stepSumMicros.load()) / 1e6) + "\n";
-    sample(out, "lockstep_step_completion_seconds_count", m.stepCount.load());
+    histogram(out, "lockstep_step_completion_seconds",
+              "Time from the first step-done report of a step to its completion notice.", m.stepCompletion);
+    histogram(out, "lockstep_loop_turn_seconds", "The main loop's own work per turn, the wait for traffic left out.",
+              m.loopTurn);
+    histogram(out, "lockstep_loop_turn_cpu_seconds", "The same turns in CPU time of the loop's thread.",
+              m.loopTurnCpu);
     family(out, "lockstep_loop_wakeups_total", "counter", "Main loop iterations.");
     sample(out, "lockstep_loop_wakeups_total", m.loopWakeups.load());
     family(out, "lockstep_uptime_seconds", "gauge", "Seconds since the server started.");

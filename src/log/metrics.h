@@ -8,6 +8,15 @@
 #include <cstdint>
 #include <string>
 
+// Seconds in ten buckets, counted without locks.
+struct Histogram {
+    std::array<double, 10> bounds;
+    std::array<std::atomic<std::uint64_t>, 11> counts{};
+    std::atomic<std::uint64_t> sumMicros{0};
+    std::atomic<std::uint64_t> count{0};
+    void observe(double seconds);
+};
+
 struct MetricsCounters {
     static constexpr std::size_t kChannels = 8;  // 0..6 and "other"
     std::array<std::atomic<std::uint64_t>, kChannels> messagesIn{};
@@ -24,11 +33,13 @@ struct MetricsCounters {
     std::atomic<std::uint64_t> matchesRunning{0};
 
     // Step completion: from the first report of a step to its notice.
-    static constexpr std::array<double, 10> kStepBuckets = {0.001, 0.0025, 0.005, 0.01, 0.025,
-                                                            0.05,  0.1,    0.25,  0.5,  1.0};
-    std::array<std::atomic<std::uint64_t>, kStepBuckets.size() + 1> stepBucketCounts{};
-    std::atomic<std::uint64_t> stepSumMicros{0};
-    std::atomic<std::uint64_t> stepCount{0};
+    Histogram stepCompletion{{0.001, 0.0025, 0.005, 0.01, 0.025, 0.05, 0.1, 0.25, 0.5, 1.0}};
+    // The loop's own work in one turn (everything but the wait for traffic):
+    // tells a long turn of ours from time the loop did not get the CPU.
+    Histogram loopTurn{{0.00005, 0.0001, 0.00025, 0.0005, 0.001, 0.0025, 0.005, 0.01, 0.025, 0.1}};
+    // The same turns in CPU time of the loop's thread: a turn long in wall
+    // time but short here lost the CPU rather than worked.
+    Histogram loopTurnCpu{{0.00005, 0.0001, 0.00025, 0.0005, 0.001, 0.0025, 0.005, 0.01, 0.025, 0.1}};
 
     std::atomic<std::int64_t> startUnix{0};
     // The main loop's last turn (monotonicMicros) and whether the host listens.

@@ -3,6 +3,7 @@
 #include <atomic>
 #include <chrono>
 #include <thread>
+#include <time.h>
 
 namespace {
 std::atomic<bool> fixed{false};
@@ -19,6 +20,12 @@ std::tm localNow() {
     std::tm out{};
     localtime_r(&t, &out);
     return out;
+}
+
+std::uint64_t threadCpuMicros() {
+    timespec t{};
+    clock_gettime(CLOCK_THREAD_CPUTIME_ID, &t);
+    return static_cast<std::uint64_t>(t.tv_sec) * 1000000u + static_cast<std::uint64_t>(t.tv_nsec) / 1000u;
 }
 
 void sleepMilliseconds(unsigned ms) {

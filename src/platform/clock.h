@@ -10,6 +10,8 @@ std::int64_t unixNow();
 // Local calendar time of unixNow().
 std::tm localNow();
 void sleepMilliseconds(unsigned ms);
+// CPU time the calling thread has used, in microseconds.
+std::uint64_t threadCpuMicros();
 
 // Tests: a fixed Unix time (nullopt returns to the real clock).
 void setClockForTests(std::optional<std::int64_t> unixSeconds);

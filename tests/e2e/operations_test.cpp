@@ -132,7 +132,8 @@ TEST(Operations, DataRootFromElsewhereServiceManagerMetricsAndAnOrderlySigterm) 
                              "lockstep_messages_sent_total{channel=\"1\",name=\"text\"} 1\n",
                              "lockstep_messages_received_total{channel=\"0\",name=\"lobby\"} 1\n",
                              "\nlockstep_malformed_dropped_total 1\n",
-                             "# TYPE lockstep_step_completion_seconds histogram", "\nlockstep_uptime_seconds ",
+                             "# TYPE lockstep_step_completion_seconds histogram", "\nlockstep_loop_turn_seconds_count ",
+                             "\nlockstep_uptime_seconds ",
                              "\nlockstep_build_info{version=\"" LOCKSTEP_VERSION "\"} 1\n", "\nlockstep_loop_last_turn_age_seconds 0",
                              "\nprocess_open_fds ", "\nprocess_resident_memory_bytes ", "\nprocess_cpu_seconds_total "})
         EXPECT_NE(res->body.find(line), std::string::npos) << line << res->body;
