@@ -244,7 +244,7 @@ TEST(Files, WholeFilesOnlyAndSameSecondReportsGetSuffixes) {
 }
 
 TEST(Update, FileNamesThatCouldLeaveTheDirectoryAndTheManifestVersion) {
-    for (const char* bad : {"", "/etc/passwd", "..", "a/../../b", "a\\b", "C:x", "./", ".//."})
+    for (const char* bad : {"", "/etc/passwd", "..", "a/../../b", "a\\b", "C:x", "Z:x", "z:y", "./", ".//."})
         EXPECT_FALSE(isAcceptableUpdateFileName(bad)) << bad;
     EXPECT_FALSE(isAcceptableUpdateFileName(std::string_view("a\0b", 3)));
     for (const char* good : {"f", "dir/file.bin", "./f", "a..b", "..a/b"}) EXPECT_TRUE(isAcceptableUpdateFileName(good));
