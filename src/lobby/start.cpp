@@ -46,12 +46,6 @@ void refuseStart(Room& room, const std::string& text, const std::string& logLine
     logMessage(logLine);
 }
 
-// The peers of the slots that hold a human with a record, in slot order.
-struct Humans {
-    ENetPeer* peers[kSlotCount];
-    std::size_t count = 0;
-};
-
 void startRoom(RoomRegistry& rooms, Room& room) {
     room.open = false;
     room.started = true;
@@ -60,11 +54,8 @@ void startRoom(RoomRegistry& rooms, Room& room) {
     for (const Slot& slot : room.slots)
         if (slot.info != nullptr) sendToHumans(room, kLobbyChannel, slot.info->bytes);
     compactSlots(rooms, room);
-
-    Humans notified;
-    for (const Slot& slot : room.slots)
-        if (slot.peer != nullptr && slot.info != nullptr) notified.peers[notified.count++] = slot.peer;
-    sendBytesToMany(notified.peers, notified.count, kLobbyChannel, encode(StartGame{}));
+    // Every human holds a record (the invariants say so), so the humans are the players.
+    sendToHumans(room, kLobbyChannel, encode(StartGame{}));
 }
 
 // Every human with a record has confirmed: the match runs.
@@ -75,13 +66,9 @@ void checkRunning(Room& room) {
         if (slot.peer != nullptr && slot.info != nullptr && !room.confirmed[i]) return;
     }
     room.running = true;
-    Humans players;
-    for (const Slot& slot : room.slots) {
-        if (slot.peer == nullptr || slot.info == nullptr) continue;
-        players.peers[players.count++] = slot.peer;
-        room.matchPlayerNames.push_back(slot.info->playerName);
-    }
-    sendBytesToMany(players.peers, players.count, kLobbyChannel, encode(StartGame{}));
+    for (const Slot& slot : room.slots)
+        if (slot.peer != nullptr && slot.info != nullptr) room.matchPlayerNames.push_back(slot.info->playerName);
+    sendToHumans(room, kLobbyChannel, encode(StartGame{}));
 }
 
 void checkRoomStart(RoomRegistry& rooms, Room& room) {
