@@ -131,7 +131,12 @@ int main(int argc, char** argv) {
     resetGlobalGenerator();
 
     auto server = std::make_unique<Server>();
+    if (options.limitsFile) {
+        server->limitsFile = *options.limitsFile;
+        server->limitsFileNamed = true;
+    }
     startServer(*server);
+    loadLimits(*server);
     server->storage.onFull = [last = std::int64_t{-60}]() mutable {
         if (unixNow() - last < 60) return;
         last = unixNow();
@@ -174,7 +179,9 @@ int main(int argc, char** argv) {
             reloadRequested = 0;
             // The writer opens the log file by its path for every batch, so
             // a file moved away by logrotate is already replaced.
-            logMessage("SIGHUP: reloaded the log file (reopened at its path); nothing else to reload");
+            logMessage("SIGHUP: the log file is reopened at its path; reloading the limits from " +
+                       server->limitsFile);
+            loadLimits(*server);
         }
         if (reportRequested) {
             reportRequested = 0;

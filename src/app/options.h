@@ -10,6 +10,7 @@ struct Options {
     std::optional<std::string> dataRoot;
     std::optional<std::string> metricsHost;
     std::uint16_t metricsPort = 0;
+    std::optional<std::string> limitsFile;
 };
 
 // Returns -1 to go on, or the exit status to end with at once (0 after

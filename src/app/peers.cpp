@@ -36,3 +36,13 @@ void handleDisconnect(Server& server, ENetPeer* peer) {
     server.peers.erase(peer);
     logMessage(std::to_string(server.peers.size()) + " peers now");
 }
+
+void cutOff(Server& server, ENetPeer* peer) {
+    if (!isRegistered(server, peer)) return;
+    handleDisconnect(server, peer);
+    disconnectNow(peer);
+}
+
+void cutOffPeersOverLimit(Server& server) {
+    for (ENetPeer* peer : takePeersOverOutgoingLimit()) cutOff(server, peer);
+}

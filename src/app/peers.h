@@ -9,3 +9,9 @@ bool isRegistered(const Server& server, ENetPeer* peer);
 void handleConnect(Server& server, ENetPeer* peer);
 // Takes the peer out of its room first.
 void handleDisconnect(Server& server, ENetPeer* peer);
+// Disconnects at once every peer that went over a limit on what may be
+// queued for it: out of its room and the registry first, then ENet's slot
+// and queues are freed.
+void cutOffPeersOverLimit(Server& server);
+// Disconnects the peer at once, as above.
+void cutOff(Server& server, ENetPeer* peer);

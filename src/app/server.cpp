@@ -55,18 +55,13 @@ ServerConfig parseServerConfig(const std::string& text) {
 }
 
 ServerConfig readServerConfig() {
-    std::FILE* f = openFileForPath(dataRootPrefix() + "settings/server.config", "r");
-    if (f == nullptr) {
+    std::string text;
+    if (!readSmallTextFile(dataRootPrefix() + "settings/server.config", 1024 * 1024, text)) {
         ServerConfig defaults;
         defaults.warnings.push_back("no settings/server.config in the data root " + dataRootPrefix() +
                                     "; using port " + std::to_string(kDefaultPort) + ", an empty description and no statistics");
         return defaults;
     }
-    std::string text;
-    char buf[4096];
-    std::size_t n;
-    while ((n = std::fread(buf, 1, sizeof buf, f)) > 0) text.append(buf, n);
-    std::fclose(f);
     return parseServerConfig(text);
 }
 
@@ -91,18 +86,42 @@ void startServer(Server& server) {
         stopLog();
         std::exit(1);
     }
-    // Bounds on what one peer can make the server hold: a packet (once
-    // reassembled) and the data of one peer waiting for reassembly or
-    // delivery. 32 MiB carries the largest update file and report that the
-    // protocol can describe in practice (the update service already refuses
-    // nothing smaller), and no single client can make the server buffer more.
+    // A packet, once reassembled, is at most the largest message: 32 MiB
+    // carries the largest update file and report that the protocol can
+    // describe in practice.
     server.host->maximumPacketSize = kMaxPacketSize;
-    server.host->maximumWaitingData = kMaximumWaitingData;
+    applyLimits(server);
     logMessage("Enet server created at " + std::to_string(server.host->address.host) + ":" +
                std::to_string(server.host->address.port));
     if (std::size_t n = removeLeftoverTemporaries(dataRootPrefix() + "server_data"))
         logMessage("Removed " + std::to_string(n) + " temporary files left by an earlier run");
     recordEvent(server.events, 2, "__SERVER__", 0, "", 0, "", static_cast<std::uint32_t>(unixNow()));
+}
+
+void loadLimits(Server& server) {
+    if (server.limitsFile.empty()) server.limitsFile = dataRootPrefix() + "settings/limits.conf";
+    server.storage.submit([&server, path = server.limitsFile, named = server.limitsFileNamed]() -> Storage::Completion {
+        std::string text;
+        const bool read = readSmallTextFile(path, 1024 * 1024, text);
+        return [&server, path, named, read, text = std::move(text)] {
+            std::vector<std::string> problems;
+            if (!read && named) problems.push_back(path + ": cannot be read; the default limits apply");
+            server.limits = parseLimits(read ? text : std::string(), path, problems);
+            for (const std::string& problem : problems) {
+                std::fprintf(stderr, "lockstep-server: %s\n", problem.c_str());
+                logError(problem);
+            }
+            applyLimits(server);
+        };
+    });
+}
+
+void applyLimits(Server& server) {
+    const Limits& l = server.limits;
+    setOutgoingLimit(l.maxOutgoingBytesPerPeer);
+    server.downloads.maxInFlight = l.downloadBytesInFlight;
+    if (server.host != nullptr)
+        server.host->maximumWaitingData = l.maxWaitingBytesPerPeer != 0 ? l.maxWaitingBytesPerPeer : SIZE_MAX;
 }
 
 void stopServer(Server& server) {

@@ -9,6 +9,7 @@
 
 #include <enet/enet.h>
 
+#include "app/limits.h"
 #include "lobby/room.h"
 #include "platform/storage.h"
 #include "stats/events.h"
@@ -17,10 +18,12 @@
 
 inline constexpr std::uint16_t kDefaultPort = 1984;
 inline constexpr std::size_t kMaxPeers = 1024;
-// The data of one peer waiting for reassembly or delivery: one largest packet.
-inline constexpr std::size_t kMaximumWaitingData = kMaxPacketSize;
 
 struct Server {
+    Limits limits;
+    // The limits file: settings/limits.conf in the data root, or --limits.
+    std::string limitsFile;
+    bool limitsFileNamed = false;
     bool eventDumpArmed = true;
     std::string serverDescription;
     bool statisticsEnabled = false;
@@ -58,6 +61,12 @@ ServerConfig readServerConfig();
 // Construction: logs, reads the configuration, opens the host (the process
 // ends with status 1 when it cannot) and records the start event.
 void startServer(Server& server);
+// Reads the limits file (by the storage worker once it runs) and applies
+// it; each problem goes to stderr and the log.
+void loadLimits(Server& server);
+// Hands the limits to the parts that enforce them.
+void applyLimits(Server& server);
+
 // Destruction: network report, "close" statistics, rooms freed, peers
 // disconnected, host flushed and destroyed.
 void stopServer(Server& server);

@@ -79,6 +79,7 @@ bool serviceStep(Server& server) {
                 dispatchPacket(server, event.peer, event.channelID,
                                ByteView(event.packet->data, event.packet->dataLength));
                 enet_packet_destroy(event.packet);
+                cutOffPeersOverLimit(server);
                 handled = true;
                 break;
             default:
@@ -86,7 +87,8 @@ bool serviceStep(Server& server) {
         }
     }
     handled = server.storage.poll() > 0 || handled;
-    pumpDownloads(server.downloads);
+    pumpDownloads(server.storage, server.downloads);
     if (roomWorkDue()) runRoomWork(server);
+    cutOffPeersOverLimit(server);
     return handled;
 }

@@ -8,6 +8,8 @@
 namespace {
 std::atomic<bool> fixed{false};
 std::atomic<std::int64_t> fixedSeconds{0};
+std::atomic<bool> steadyFixed{false};
+std::atomic<std::uint64_t> fixedSteady{0};
 }  // namespace
 
 std::int64_t unixNow() {
@@ -39,4 +41,16 @@ void setClockForTests(std::optional<std::int64_t> unixSeconds) {
     } else {
         fixed.store(false);
     }
+}
+
+std::uint64_t steadyMicros() {
+    if (steadyFixed.load(std::memory_order_relaxed)) return fixedSteady.load();
+    return static_cast<std::uint64_t>(
+        std::chrono::duration_cast<std::chrono::microseconds>(std::chrono::steady_clock::now().time_since_epoch())
+            .count());
+}
+
+void setSteadyClockForTests(std::optional<std::uint64_t> micros) {
+    if (micros) fixedSteady.store(*micros);
+    steadyFixed.store(micros.has_value());
 }

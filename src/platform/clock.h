@@ -13,5 +13,10 @@ void sleepMilliseconds(unsigned ms);
 // CPU time the calling thread has used, in microseconds.
 std::uint64_t threadCpuMicros();
 
+// A monotonic clock in microseconds, for budgets that refill over time.
+std::uint64_t steadyMicros();
+
 // Tests: a fixed Unix time (nullopt returns to the real clock).
 void setClockForTests(std::optional<std::int64_t> unixSeconds);
+// Tests: a fixed monotonic time (nullopt returns to the real clock).
+void setSteadyClockForTests(std::optional<std::uint64_t> micros);

@@ -143,3 +143,14 @@ std::size_t removeLeftoverTemporaries(const std::string& directory) {
     }
     return removed;
 }
+
+bool readSmallTextFile(const std::string& path, std::size_t maxBytes, std::string& text) {
+    std::FILE* f = openFileForPath(path, "r");
+    if (f == nullptr) return false;
+    char buf[4096];
+    std::size_t n;
+    while (text.size() < maxBytes && (n = std::fread(buf, 1, sizeof buf, f)) > 0) text.append(buf, n);
+    std::fclose(f);
+    if (text.size() > maxBytes) text.resize(maxBytes);
+    return true;
+}

@@ -20,6 +20,9 @@ bool chooseDataRoot(std::string& errorText);
 bool prepareFilePath(const std::string& path);
 // prepareFilePath, then fopen; nullptr when either fails.
 std::FILE* openFileForPath(const std::string& path, const char* mode);
+// A configuration file's text, at most maxBytes of it; false when it cannot
+// be opened.
+bool readSmallTextFile(const std::string& path, std::size_t maxBytes, std::string& text);
 
 // A file written under a temporary name in its directory and renamed into
 // place when complete, so that nobody ever reads half of it, even after a

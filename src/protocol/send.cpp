@@ -1,14 +1,73 @@
 #include "protocol/send.h"
 
+#include <algorithm>
+#include <utility>
+
+#include "log/log.h"
 #include "log/metrics.h"
 
 namespace {
 PacketRecorder recorder;
+std::function<void(ENetPeer*)> disconnectRecorder;
+std::uint64_t outgoingLimit = 0;
+std::vector<ENetPeer*> overLimit;
+
+std::uint64_t sumList(const ENetList& list) {
+    std::uint64_t total = 0;
+    auto* sentinel = const_cast<ENetListNode*>(&list.sentinel);
+    for (ENetListNode* n = sentinel->next; n != sentinel; n = n->next) {
+        const auto* command = reinterpret_cast<const ENetOutgoingCommand*>(n);
+        if (command->packet != nullptr) total += command->fragmentLength;
+    }
+    return total;
 }
 
+// Whether a packet may still go to the peer. The estimate only grows between
+// measurements, so the queues are walked once it passes the limit, and then
+// at most once per half a limit of bytes sent: the cost of a walk (one step
+// per queued command) is spread over the bytes that made the queue.
+bool admitOutgoing(ENetPeer* peer, std::size_t bytes) {
+    auto* info = static_cast<PeerInfo*>(peer->data);
+    if (info == nullptr) return true;
+    if (info->overOutgoingLimit) return false;
+    if (outgoingLimit == 0) return true;
+    info->queuedEstimate += bytes;
+    if (info->queuedEstimate <= outgoingLimit) return true;
+    // The recorder holds nothing back: only a packet itself can be too big.
+    const std::uint64_t queued = recorder ? bytes : queuedForSending(peer) + bytes;
+    if (queued <= outgoingLimit) {
+        info->queuedEstimate = std::max(queued, outgoingLimit / 2);
+        return true;
+    }
+    info->overOutgoingLimit = true;
+    overLimit.push_back(peer);
+    logError("|||| Peer " + peerAddressText(*info) + " does not take what is sent to it: " + std::to_string(queued) +
+             " bytes queued, over the limit of " + std::to_string(outgoingLimit) + ". Disconnecting it");
+    return false;
+}
+}  // namespace
+
 void setPacketRecorder(PacketRecorder r) { recorder = std::move(r); }
+void setDisconnectRecorder(std::function<void(ENetPeer*)> r) { disconnectRecorder = std::move(r); }
+void setOutgoingLimit(std::uint64_t bytes) { outgoingLimit = bytes; }
+
+std::vector<ENetPeer*> takePeersOverOutgoingLimit() { return std::exchange(overLimit, {}); }
+
+std::uint64_t queuedForSending(const ENetPeer* peer) {
+    return sumList(peer->outgoingCommands) + sumList(peer->sentReliableCommands) +
+           sumList(peer->sentUnreliableCommands);
+}
+
+void disconnectNow(ENetPeer* peer) {
+    if (recorder) {
+        if (disconnectRecorder) disconnectRecorder(peer);
+        return;
+    }
+    enet_peer_disconnect_now(peer, 0);
+}
 
 void sendBytes(ENetPeer* peer, std::uint8_t channel, ByteView bytes) {
+    if (!admitOutgoing(peer, bytes.size())) return;
     countOut(channel, bytes.size(), 1);
     if (recorder) {
         recorder(peer, channel, bytes);
@@ -34,6 +93,10 @@ void freeOwned(ENetPacket* packet) {
 }  // namespace
 
 void sendOwned(ENetPeer* peer, std::uint8_t channel, Bytes bytes, std::function<void()> released) {
+    if (!admitOutgoing(peer, bytes.size())) {
+        if (released) released();
+        return;
+    }
     countOut(channel, bytes.size(), 1);
     if (recorder) {
         recorder(peer, channel, bytes);
@@ -55,15 +118,23 @@ void sendOwned(ENetPeer* peer, std::uint8_t channel, Bytes bytes, std::function<
 }
 
 void sendBytesToMany(ENetPeer* const* peers, std::size_t count, std::uint8_t channel, ByteView bytes) {
-    if (count == 0) return;
-    countOut(channel, bytes.size(), count);
+    // A room's seats fit on the stack; only the lobby-wide text relay is
+    // bigger.
+    ENetPeer* few[kSlotCount];
+    std::vector<ENetPeer*> many(count > kSlotCount ? count : 0);
+    ENetPeer** admitted = count > kSlotCount ? many.data() : few;
+    std::size_t n = 0;
+    for (std::size_t i = 0; i < count; ++i)
+        if (admitOutgoing(peers[i], bytes.size())) admitted[n++] = peers[i];
+    if (n == 0) return;
+    countOut(channel, bytes.size(), n);
     if (recorder) {
-        for (std::size_t i = 0; i < count; ++i) recorder(peers[i], channel, bytes);
+        for (std::size_t i = 0; i < n; ++i) recorder(admitted[i], channel, bytes);
         return;
     }
     ENetPacket* packet = enet_packet_create(bytes.data(), bytes.size(), ENET_PACKET_FLAG_RELIABLE);
     if (packet == nullptr) return;
-    for (std::size_t i = 0; i < count; ++i) enet_peer_send(peers[i], channel, packet);
+    for (std::size_t i = 0; i < n; ++i) enet_peer_send(admitted[i], channel, packet);
     // Nobody took it (every send refused): ENet would never free it.
     if (packet->referenceCount == 0) enet_packet_destroy(packet);
 }

@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <functional>
 #include <string>
+#include <vector>
 
 #include <enet/enet.h>
 
@@ -41,7 +42,26 @@ struct PeerInfo {
     std::array<std::uint32_t, 4> octets{};
     std::uint32_t port = 0;
     std::uint64_t connection = 0;
+    // Bytes handed to ENet for this peer since its queue was last measured:
+    // never less than what ENet still holds for it.
+    std::uint64_t queuedEstimate = 0;
+    // Over the outgoing limit: nothing more is sent to it, and the loop
+    // disconnects it once the message at hand is done.
+    bool overOutgoingLimit = false;
 };
+
+// Bytes queued for sending to one peer (delivered to ENet but not yet
+// acknowledged) above which the peer is cut off; 0: no limit.
+void setOutgoingLimit(std::uint64_t bytes);
+// The peers that went over it since the last call.
+std::vector<ENetPeer*> takePeersOverOutgoingLimit();
+// What ENet holds for sending to the peer, in bytes.
+std::uint64_t queuedForSending(const ENetPeer* peer);
+// Drops the peer at once: a disconnect notice goes out without waiting for an
+// acknowledgement, and ENet frees the slot and everything queued for it.
+void disconnectNow(ENetPeer* peer);
+// Under the recorder, disconnectNow calls this instead.
+void setDisconnectRecorder(std::function<void(ENetPeer*)> recorder);
 
 // A peer as work that finishes later knows it: a reply then reaches the same
 // connection or nobody.

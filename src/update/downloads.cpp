@@ -1,35 +1,49 @@
 #include "update/downloads.h"
 
-#include <set>
+#include <utility>
 
+#include "log/log.h"
 #include "protocol/messages.h"
+#include "update/update.h"
 
-void queueFileData(Downloads& downloads, PeerRef to, Bytes message) {
-    downloads.waiting.push_back(Downloads::Waiting{to, std::move(message)});
-    pumpDownloads(downloads);
+void queueFileRequest(Storage& storage, Downloads& downloads, PeerRef to, std::string name, bool refused) {
+    downloads.waiting.push_back(Downloads::Request{to, std::move(name), refused});
+    pumpDownloads(storage, downloads);
 }
 
-void pumpDownloads(Downloads& downloads) {
-    if (downloads.waiting.empty()) return;
-    // A peer whose first waiting reply cannot go yet keeps its later ones
-    // waiting too, so each peer gets its files in the order it asked.
-    std::set<const ENetPeer*> held;
-    for (auto it = downloads.waiting.begin(); it != downloads.waiting.end();) {
-        ENetPeer* peer = stillConnected(it->to);
-        if (peer == nullptr) {
-            it = downloads.waiting.erase(it);
-            continue;
+namespace {
+bool fits(const Downloads& d, std::size_t size) {
+    return d.inFlight == 0 || d.maxInFlight == 0 || d.inFlight + size <= d.maxInFlight;
+}
+}  // namespace
+
+void pumpDownloads(Storage& storage, Downloads& downloads) {
+    if (!downloads.ready.empty() && fits(downloads, downloads.ready.size())) {
+        const std::size_t size = downloads.ready.size();
+        Bytes message = std::exchange(downloads.ready, {});
+        downloads.reading = false;
+        if (ENetPeer* peer = stillConnected(downloads.readyFor)) {
+            downloads.inFlight += size;
+            sendOwned(peer, kFileUpdateChannel, std::move(message), [&downloads, size] { downloads.inFlight -= size; });
         }
-        const std::size_t size = it->message.size();
-        const bool fits = downloads.inFlight == 0 || downloads.inFlight + size <= Downloads::kMaxInFlight;
-        if (!fits || held.count(peer) != 0) {
-            held.insert(peer);
-            ++it;
-            continue;
-        }
-        Bytes message = std::move(it->message);
-        it = downloads.waiting.erase(it);
-        downloads.inFlight += size;
-        sendOwned(peer, kFileUpdateChannel, std::move(message), [&downloads, size] { downloads.inFlight -= size; });
+    }
+    // Files are read one at a time, in the order they were asked for, so
+    // each peer gets its files in that order.
+    while (!downloads.reading && !downloads.waiting.empty()) {
+        Downloads::Request request = std::move(downloads.waiting.front());
+        downloads.waiting.pop_front();
+        if (stillConnected(request.to) == nullptr) continue;
+        downloads.reading = true;
+        storage.submit([&storage, &downloads, request = std::move(request)]() -> Storage::Completion {
+            std::string problem;
+            Bytes message = request.refused ? encode(FileData{1, request.name, {}}) : readFileData(request.name, problem);
+            return [&storage, &downloads, to = request.to, message = std::move(message),
+                    problem = std::move(problem)]() mutable {
+                if (!problem.empty()) logError(problem);
+                downloads.ready = std::move(message);
+                downloads.readyFor = to;
+                pumpDownloads(storage, downloads);
+            };
+        });
     }
 }

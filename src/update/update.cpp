@@ -125,12 +125,5 @@ void sendFile(Storage& storage, Downloads& downloads, ENetPeer* peer, std::strin
     // error line; the file system is not touched for them at all. Their
     // answer still queues behind the peer's earlier ones.
     if (refused) logError("|||| Refused file request \"" + printable(name) + "\" from " + peerAddressText(peer));
-    storage.submit([&downloads, to = refOf(peer), name = std::move(name), refused]() -> Storage::Completion {
-        std::string problem;
-        Bytes message = refused ? encode(FileData{1, name, {}}) : readFileData(name, problem);
-        return [&downloads, to, message = std::move(message), problem = std::move(problem)]() mutable {
-            if (!problem.empty()) logError(problem);
-            queueFileData(downloads, to, std::move(message));
-        };
-    });
+    queueFileRequest(storage, downloads, refOf(peer), std::move(name), refused);
 }

@@ -1,0 +1,83 @@
+#pragma once
+// The limits on what one client, one address or the whole host may make the
+// server hold or do. Every default is far above what a real client needs, so
+// none fires for one; an operator tunes them in settings/limits.conf (or the
+// file named by --limits), re-read on SIGHUP. A value of 0 turns a limit off.
+
+#include <array>
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <vector>
+
+// The groups of messages that are budgeted apart, so that a flood of one
+// kind never spends the allowance of another.
+enum class Group : std::uint8_t { lobby, text, orders, reports, events, update };
+inline constexpr std::size_t kGroupCount = 6;
+inline constexpr const char* kGroupNames[kGroupCount] = {"lobby", "text", "orders", "reports", "events", "update"};
+
+// A token bucket's shape: tokens come back at perSecond up to burst.
+struct Rate {
+    std::uint64_t perSecond = 0;
+    std::uint64_t burst = 0;
+};
+
+inline constexpr std::uint64_t kMiB = 1024 * 1024;
+
+struct Limits {
+    // Messages per group. A player sends a few lobby messages a second when
+    // busiest; a match sends one order per step per player plus a few more
+    // (20 steps a second), so orders get some hundred times that.
+    std::array<Rate, kGroupCount> messages{{
+        {100, 1000},   // lobby
+        {20, 200},     // text
+        {2000, 20000}, // orders and match control
+        {2, 20},       // reports
+        {200, 2000},   // events
+        {100, 1000},   // update requests
+    }};
+    // Bytes received in reports and update requests: a report carries a
+    // snapshot and a screenshot of a few MiB at most.
+    Rate reportBytes{8 * kMiB, 64 * kMiB};
+    Rate updateBytes{kMiB, 8 * kMiB};
+    // Dropping over budget is the answer to a burst; a client that stays
+    // over budget this long is flooding and is disconnected.
+    std::uint64_t overbudgetDisconnectSeconds = 30;
+    // Malformed and unknown messages are a client's bug or an attack; the
+    // first few are logged in full, then one line a minute with the count.
+    std::uint64_t malformedLinesPerPeer = 10;
+
+    // Bytes queued for sending to one peer that does not take them: the
+    // largest update file (32 MiB) and room list replies fit many times.
+    std::uint64_t maxOutgoingBytesPerPeer = 96 * kMiB;
+    // Bytes received from one peer but not yet whole (fragments) or not yet
+    // handled: one largest packet.
+    std::uint64_t maxWaitingBytesPerPeer = 32 * kMiB;
+    // The same over all peers together; the peer holding most is dropped.
+    std::uint64_t maxWaitingBytesTotal = 512 * kMiB;
+    // Update file data handed to the transport for all downloading peers
+    // together; the matches' traffic goes first, downloads share the rest.
+    std::uint64_t downloadBytesInFlight = 4 * kMiB;
+
+    // Connections: a household or an internet café shares one address, but
+    // not 64 players; a client reconnecting in a loop connects a few times a
+    // minute.
+    std::uint64_t maxPeersPerAddress = 64;
+    std::uint64_t connectsPerAddressPerMinute = 120;
+
+    // Disk: feedback and determinism reports together. A player files a
+    // handful in a session.
+    std::uint64_t reportsBytesPerDay = 1024 * kMiB;
+    std::uint64_t reportsPerPeerPerHour = 20;
+    // Resync evidence (two files per player and desync) kept per room.
+    std::uint64_t resyncBytesPerRoom = 256 * kMiB;
+};
+
+// Reads "name = value" lines ('#' starts a comment; values are whole numbers,
+// optionally followed by KiB, MiB or GiB) over the defaults. A line naming no
+// known limit or carrying a bad value is ignored, with a problem naming the
+// line number.
+Limits parseLimits(const std::string& text, const std::string& fileName, std::vector<std::string>& problems);
+
+// The names the file knows, for the documentation and the tests.
+std::vector<std::string> limitNames();
