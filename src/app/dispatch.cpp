@@ -6,6 +6,7 @@
 #include "app/peers.h"
 #include "lobby/lobby.h"
 #include "log/log.h"
+#include "log/metrics.h"
 #include "platform/clock.h"
 #include "protocol/send.h"
 #include "reports/reports.h"
@@ -19,7 +20,23 @@ struct Incoming {
     ENetPeer* peer;
     std::uint8_t channel;
     ByteView packet;
+    PeerBudget& budget;
+    std::uint64_t now;
 };
+
+// Whether the peer may still have a refusal logged in full. Past its
+// allowance the refusals are only counted, with a line now and then.
+bool mayLog(const Incoming& in) {
+    std::string summary;
+    if (mayLogMalformed(in.budget, in.server.limits, in.now, summary)) return true;
+    if (!summary.empty()) logError("|||| Peer " + peerAddressText(in.peer) + ": " + summary);
+    return false;
+}
+
+void malformed(const Incoming& in, std::string_view what) {
+    if (mayLog(in)) return logMalformed(what, in.channel, in.packet.size());
+    metrics().malformedDropped.fetch_add(1, std::memory_order_relaxed);
+}
 
 using Handler = void (*)(const Incoming&);
 
@@ -28,7 +45,7 @@ using Handler = void (*)(const Incoming&);
 template <typename M, void (*Handle)(const Incoming&, M&), std::optional<M> (*Decode)(ByteView) = &decode<M>>
 void decoded(const Incoming& in) {
     std::optional<M> m = Decode(in.packet);
-    if (!m) return logMalformed(M::kName, in.channel, in.packet.size());
+    if (!m) return malformed(in, M::kName);
     Handle(in, *m);
 }
 
@@ -40,7 +57,7 @@ void seated(const Incoming& in) {
     const Seat* seat = seatOf(in.server.rooms, in.peer);
     if (seat == nullptr) return;
     std::optional<M> m = Decode(in.packet);
-    if (!m) return logMalformed(M::kName, in.channel, in.packet.size());
+    if (!m) return malformed(in, M::kName);
     Handle(in, *seat, *m);
 }
 
@@ -102,7 +119,9 @@ void onManifestRequest(const Incoming& in, ManifestRequest&) {
 void onFileRequest(const Incoming& in, FileRequest& m) {
     sendFile(in.server.storage, in.server.downloads, in.peer, std::move(m.name));
 }
-void onFileData(const Incoming&) { logError("???? server should not be receiving file responses"); }
+void onFileData(const Incoming& in) {
+    if (mayLog(in)) logError("???? server should not be receiving file responses");
+}
 
 // The text and order channels carry no type word: every packet on them goes
 // to their one route.
@@ -160,14 +179,26 @@ void dispatchPacket(Server& server, ENetPeer* peer, std::uint8_t channel, ByteVi
         logError("|||| Packet from unknown peer " + peerAddressText(peer) + "! Ignoring!");
         return;
     }
+    const Incoming in{server, peer, channel, packet, server.budgets[peer], steadyMicros()};
+    // Charged before anything is decoded, so a flood costs the least.
+    std::string line;
+    const Verdict verdict = charge(in.budget, server.limits, groupOfChannel(channel), packet.size(), in.now, line);
+    if (!line.empty()) logError("|||| Peer " + peerAddressText(peer) + " " + line);
+    if (verdict == Verdict::disconnect) {
+        logError("|||| Peer " + peerAddressText(peer) + " stayed over budget for more than " +
+                 std::to_string(server.limits.overbudgetDisconnectSeconds) + " s. Disconnecting it");
+        return cutOff(server, peer);
+    }
+    if (verdict == Verdict::drop) return;
     if (channel >= kChannelCount) {
-        logError("|||| Channel " + std::to_string(channel) + ". Nothing to do with it");
+        metrics().unknownDropped.fetch_add(1, std::memory_order_relaxed);
+        if (mayLog(in)) logError("|||| Channel " + std::to_string(channel) + ". Nothing to do with it");
         return;
     }
-    const Incoming in{server, peer, channel, packet};
     if (const Route* whole = findRoute(channel, kWholeChannel)) return whole->handle(in);
     std::uint32_t type = 0;
-    if (!readMessageType(packet, type)) return logMalformed("packet", channel, packet.size());
+    if (!readMessageType(packet, type)) return malformed(in, "packet");
     if (const Route* route = findRoute(channel, type)) return route->handle(in);
-    logError(kUnknownType[channel] + std::to_string(type) + ". Nothing to do with it");
+    metrics().unknownDropped.fetch_add(1, std::memory_order_relaxed);
+    if (mayLog(in)) logError(kUnknownType[channel] + std::to_string(type) + ". Nothing to do with it");
 }

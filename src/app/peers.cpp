@@ -17,6 +17,7 @@ void handleConnect(Server& server, ENetPeer* peer) {
     logMessage("A new client connected from " + peerAddressText(*info));
     peer->data = info;
     server.peers.insert(peer);
+    server.budgets[peer] = PeerBudget{};
     logMessage(std::to_string(server.peers.size()) + " peers now");
     // A silent client is dropped only after 40 to 240 seconds.
     if (server.host != nullptr) enet_peer_timeout(peer, 256, 40000, 240000);
@@ -34,6 +35,7 @@ void handleDisconnect(Server& server, ENetPeer* peer) {
     delete info;
     peer->data = nullptr;
     server.peers.erase(peer);
+    server.budgets.erase(peer);
     logMessage(std::to_string(server.peers.size()) + " peers now");
 }
 

@@ -4,11 +4,13 @@
 
 #include <cstdint>
 #include <set>
+#include <unordered_map>
 #include <string>
 #include <vector>
 
 #include <enet/enet.h>
 
+#include "app/budgets.h"
 #include "app/limits.h"
 #include "lobby/room.h"
 #include "platform/storage.h"
@@ -34,6 +36,8 @@ struct Server {
     // The peer registry: membership means connected and registered, each
     // with its PeerInfo on the ENet peer's data field.
     std::set<ENetPeer*> peers;
+    // What each registered peer may still send.
+    std::unordered_map<ENetPeer*, PeerBudget> budgets;
     RoomRegistry rooms;
     std::uint32_t bytesReceived = 0;
     Downloads downloads;

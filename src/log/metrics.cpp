@@ -122,6 +122,21 @@ std::string renderMetrics(std::int64_t nowUnix, std::uint64_t nowMicros) {
     perChannel(out, "lockstep_sent_bytes_total", "Packet bytes sent (per recipient), by channel.", m.bytesOut);
     family(out, "lockstep_malformed_dropped_total", "counter", "Messages dropped because they could not be decoded.");
     sample(out, "lockstep_malformed_dropped_total", m.malformedDropped.load());
+    family(out, "lockstep_unknown_dropped_total", "counter", "Messages dropped because their type is unknown.");
+    sample(out, "lockstep_unknown_dropped_total", m.unknownDropped.load());
+    family(out, "lockstep_budget_dropped_total", "counter", "Messages dropped over their sender's budget, by group.");
+    static const char* const groups[] = {"lobby", "text", "orders", "reports", "events", "update"};
+    for (std::size_t g = 0; g < m.budgetDrops.size(); ++g)
+        sample(out, std::string("lockstep_budget_dropped_total{group=\"") + groups[g] + "\"}", m.budgetDrops[g].load());
+    family(out, "lockstep_limit_fired_total", "counter",
+           "Times a limit refused a connection, cut off a peer or refused a file, by the limit's name.");
+    static const char* const limits[] = {"overbudget_disconnect_seconds", "max_outgoing_bytes_per_peer",
+                                         "max_waiting_bytes_total", "connects_per_address_per_minute",
+                                         "max_peers_per_address", "bans", "reports_bytes_per_day",
+                                         "reports_per_peer_per_hour", "resync_bytes_per_room"};
+    static_assert(std::size(limits) == static_cast<std::size_t>(LimitFired::count));
+    for (std::size_t i = 0; i < std::size(limits); ++i)
+        sample(out, std::string("lockstep_limit_fired_total{limit=\"") + limits[i] + "\"}", m.limitsFired[i].load());
     family(out, "lockstep_desyncs_total", "counter", "Desyncs declared.");
     sample(out, "lockstep_desyncs_total", m.desyncs.load());
     family(out, "lockstep_steps_completed_total", "counter", "Steps announced as completed.");

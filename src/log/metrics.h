@@ -17,6 +17,21 @@ struct Histogram {
     void observe(double seconds);
 };
 
+// The limits that act on one peer, one address or one report, by the name
+// they have in the limits file.
+enum class LimitFired : std::size_t {
+    overbudgetDisconnect,
+    outgoing,
+    waitingTotal,
+    connectsPerMinute,
+    peersPerAddress,
+    banned,
+    reportsPerDay,
+    reportsPerHour,
+    resyncPerRoom,
+    count
+};
+
 struct MetricsCounters {
     static constexpr std::size_t kChannels = 8;  // 0..6 and "other"
     std::array<std::atomic<std::uint64_t>, kChannels> messagesIn{};
@@ -24,6 +39,11 @@ struct MetricsCounters {
     std::array<std::atomic<std::uint64_t>, kChannels> messagesOut{};
     std::array<std::atomic<std::uint64_t>, kChannels> bytesOut{};
     std::atomic<std::uint64_t> malformedDropped{0};
+    std::atomic<std::uint64_t> unknownDropped{0};
+    // Messages dropped over a peer's budget, by group (lobby, text, orders,
+    // reports, events, update).
+    std::array<std::atomic<std::uint64_t>, 6> budgetDrops{};
+    std::array<std::atomic<std::uint64_t>, static_cast<std::size_t>(LimitFired::count)> limitsFired{};
     std::atomic<std::uint64_t> desyncs{0};
     std::atomic<std::uint64_t> stepsCompleted{0};
     std::atomic<std::uint64_t> loopWakeups{0};
@@ -88,3 +108,7 @@ HealthAnswer readiness();
 // The Prometheus text exposition of every counter and the process's own
 // figures; uptime against nowUnix, the loop's age against nowMicros.
 std::string renderMetrics(std::int64_t nowUnix, std::uint64_t nowMicros);
+
+inline void countLimit(LimitFired which) {
+    metrics().limitsFired[static_cast<std::size_t>(which)].fetch_add(1, std::memory_order_relaxed);
+}

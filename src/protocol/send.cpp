@@ -41,6 +41,7 @@ bool admitOutgoing(ENetPeer* peer, std::size_t bytes) {
     }
     info->overOutgoingLimit = true;
     overLimit.push_back(peer);
+    countLimit(LimitFired::outgoing);
     logError("|||| Peer " + peerAddressText(*info) + " does not take what is sent to it: " + std::to_string(queued) +
              " bytes queued, over the limit of " + std::to_string(outgoingLimit) + ". Disconnecting it");
     return false;

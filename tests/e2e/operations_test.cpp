@@ -160,6 +160,8 @@ TEST(Operations, DataRootFromElsewhereServiceManagerMetricsAndAnOrderlySigterm) 
 TEST(Console, AReaderThatStallsOrVanishesHoldsUpNeitherTheMatchNorTheStop) {
     for (Console console : {Console::Stalled, Console::Gone}) {
         ServerProcess server(ServerOptions{.console = console});
+        // The flood is the point here: no budget or allowance of lines.
+        server.writeFile("settings/limits.conf", "malformed_lines_per_peer = 0\nlobby_per_second = 0\n");
         ASSERT_TRUE(server.start());
         TestClient a, b;
         ASSERT_NE(e2e::startMatch(server.port(), {&a, &b}, {"A", "B"}), 0u);

@@ -33,6 +33,11 @@ Harness::Harness(std::size_t peerCount) {
         while (i < peers_.size() && peers_[i].get() != to) ++i;
         sent_.push_back(Sent{i, channel, Bytes(bytes.begin(), bytes.end())});
     });
+    setDisconnectRecorder([this](ENetPeer* to) {
+        std::size_t i = 0;
+        while (i < peers_.size() && peers_[i].get() != to) ++i;
+        sent_.push_back(Sent{i, kDisconnectedMark, {}});
+    });
     resetGlobalGenerator();
     takeQueuedLogTexts();
 }
@@ -43,6 +48,8 @@ Harness::~Harness() {
         p->data = nullptr;
     }
     setPacketRecorder(nullptr);
+    setDisconnectRecorder(nullptr);
+    setSteadyClockForTests(std::nullopt);
     takeQueuedLogTexts();
 }
 

@@ -17,6 +17,9 @@
 #include "protocol/messages.h"
 #include "support/files.h"
 
+// The channel of a Sent that stands for the peer's disconnection.
+inline constexpr std::uint8_t kDisconnectedMark = 255;
+
 // One packet the server sent: to which fake peer, on which channel, what.
 struct Sent {
     std::size_t peer;

@@ -24,6 +24,7 @@ std::string error(const std::string& text) { return "#### ERROR \n" + text + "\n
 
 TEST(Dispatch, EveryRefusalIsOneLineAndNothingIsSent) {
     Harness h;
+    h.server.limits.malformedLinesPerPeer = 0;  // all of them, from one peer
     h.connect(0);
     h.takeLogs();
     const struct {
@@ -74,6 +75,47 @@ TEST(Dispatch, TextGoesToTheSendersRoomOrToEveryoneInNoRoom) {
     EXPECT_EQ(sorted(h.takeSent()), toEach({0, 1}, kTextChannel, encode(Text{"gg"})));
     h.receive(3, kTextChannel, encode(Text{"hi"}));
     EXPECT_EQ(sorted(h.takeSent()), toEach({2, 3}, kTextChannel, encode(Text{"hi"})));
+}
+
+TEST(Dispatch, BudgetsDropTheExcessWithALineAMinuteAndCutOffAPeerThatStaysOver) {
+    Harness h;
+    h.server.limits.messages[0] = {1, 2};  // lobby: one a second, two at once
+    h.server.limits.overbudgetDisconnectSeconds = 3;
+    h.server.limits.malformedLinesPerPeer = 1;
+    std::uint64_t now = 1'000'000;
+    setSteadyClockForTests(now);
+    h.connect(0);
+    h.connect(1);
+    h.takeLogs();
+    const Bytes list = words({10, 1, 0});
+    for (int i = 0; i < 4; ++i) h.receive(0, 0, list);
+    EXPECT_EQ(h.takeSent().size(), 2u);
+    EXPECT_EQ(h.takeLogs(), std::vector<std::string>{error("|||| Peer 10.0.0.1:5000 over budget, dropped: lobby 1")});
+    // One message a second comes back; flooding on for over three seconds
+    // ends in a disconnect, while the other peer is served throughout.
+    for (int half = 1; half <= 6; ++half) {
+        setSteadyClockForTests(now + half * 500'000);
+        h.receive(0, 0, list);
+        h.receive(0, 0, list);
+    }
+    EXPECT_EQ(h.takeSent().size(), 3u);
+    EXPECT_TRUE(h.takeLogs().empty());
+    setSteadyClockForTests(now + 3'900'000);
+    h.receive(0, 0, list);
+    EXPECT_EQ(h.takeLogs(), (std::vector<std::string>{
+                                error("|||| Peer 10.0.0.1:5000 stayed over budget for more than 3 s. Disconnecting it"),
+                                "Disconnected 10.0.0.1:5000", "1 peers now"}));
+    EXPECT_EQ(h.takeSent(), (std::vector<Sent>{{0, kDisconnectedMark, {}}}));
+    h.receive(1, 0, list);
+    EXPECT_EQ(h.takeSent().size(), 1u);
+
+    // Refusals: the first in full, then only a count once a minute.
+    for (int i = 0; i < 3; ++i) h.receive(1, 1, {'a', 'b'});
+    EXPECT_EQ(h.takeLogs(), std::vector<std::string>{error("|||| Malformed text on channel 1, 2 bytes. Dropped")});
+    setSteadyClockForTests(now + 70'000'000);
+    h.receive(1, 6, words({9}));
+    EXPECT_EQ(h.takeLogs(), std::vector<std::string>{error(
+                                "|||| Peer 10.0.0.2:5001: 3 more malformed or unknown messages, not logged one by one")});
 }
 
 TEST(Config, LinesPortDescriptionAndStatistics) {
@@ -163,6 +205,7 @@ TEST(Events, AFloodGoesToTheDumpFileOfTheDayInsteadOfMemory) {
     TempDataRoot root;
     setClockForTests(1764000000);
     Harness h;
+    h.server.limits.messages[static_cast<std::size_t>(Group::events)] = {};  // a flood at once, unbudgeted
     h.connect(0);
     for (std::size_t i = 0; i <= kSpillEvents; ++i) h.receive(0, kEventTrackingChannel, encode(TrackEvent{1, "p"}));
     EXPECT_EQ(h.server.events.size(), 1u);

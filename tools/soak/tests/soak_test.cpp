@@ -16,6 +16,8 @@ namespace {
 
 TEST(Soak, JunkFromAPlayerIsRefusedWithAnErrorLineEachThenAShortChurnPasses) {
     ServerProcess server(ServerOptions{.statistics = true});
+    // A line for every junk packet, however many.
+    server.writeFile("settings/limits.conf", "malformed_lines_per_peer = 0\n");
     ASSERT_TRUE(server.start());
     TestClient a, b;
     ASSERT_NE(e2e::startMatch(server.port(), {&a, &b}, {"a", "b"}), 0u);
