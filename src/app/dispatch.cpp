@@ -86,18 +86,45 @@ void onLeaveMatch(const Incoming& in, LeaveMatch&) { leaveRoom(in.server.rooms, 
 void onDelayHold(const Incoming&, const Seat& seat, DelayHold&) { holdDelay(seat.room->match); }
 void onDelayRequest(const Incoming&, const Seat& seat, DelayRequest&) { requestLongerDelay(seat.room->match); }
 void onResyncReport(const Incoming& in, const Seat& seat, ResyncReport& m) {
-    handleResyncReport(in.server.storage, seat.room->match, seating(*seat.room), seat.slot, m, in.packet);
+    handleResyncReport(in.server.storage, seat.room->match, seating(*seat.room), seat.slot, m, in.packet,
+                       in.server.limits.resyncBytesPerRoom);
 }
 void onOrder(const Incoming& in, const Seat& seat, Order& m) {
     handleOrder(seat.room->match, seating(*seat.room), seat.slot, m, in.packet);
 }
 
 // ---- Reports ----
+// The disk a client can fill: reports over the quotas are answered as ones
+// that could not be written, and nothing is written.
+bool withinReportQuota(const Incoming& in, bool feedback) {
+    Server& s = in.server;
+    const Limits& l = s.limits;
+    if (const std::int64_t day = unixNow() / 86400; day != s.reportDay) {
+        s.reportDay = day;
+        s.reportBytesToday = 0;
+    }
+    const char* over = nullptr;
+    if (l.reportsBytesPerDay != 0 && s.reportBytesToday + in.packet.size() > l.reportsBytesPerDay) {
+        over = "reports_bytes_per_day";
+        countLimit(LimitFired::reportsPerDay);
+    } else if (const double n = static_cast<double>(l.reportsPerPeerPerHour);
+               n != 0 && !take(in.budget.reportsPerHour, n / 3600, n, 1, in.now)) {
+        over = "reports_per_peer_per_hour";
+        countLimit(LimitFired::reportsPerHour);
+    }
+    if (over == nullptr) {
+        s.reportBytesToday += in.packet.size();
+        return true;
+    }
+    logError("|||| Report from " + peerAddressText(in.peer) + " not written: over " + over);
+    refuseReport(s.storage, in.peer, feedback);
+    return false;
+}
 void onFeedbackReport(const Incoming& in, FeedbackReport&) {
-    fileFeedbackReport(in.server.storage, in.peer, in.packet);
+    if (withinReportQuota(in, true)) fileFeedbackReport(in.server.storage, in.peer, in.packet);
 }
 void onDeterminismTestReport(const Incoming& in, DeterminismTestReport&) {
-    fileDeterminismTestReport(in.server.storage, in.peer, in.packet);
+    if (withinReportQuota(in, false)) fileDeterminismTestReport(in.server.storage, in.peer, in.packet);
 }
 
 // ---- Event tracking and file update ----

@@ -40,6 +40,9 @@ struct Server {
     std::unordered_map<ENetPeer*, PeerBudget> budgets;
     RoomRegistry rooms;
     std::uint32_t bytesReceived = 0;
+    // Report bytes accepted on the day (Unix days) they count against.
+    std::int64_t reportDay = -1;
+    std::uint64_t reportBytesToday = 0;
     Downloads downloads;
     // Every file written or update file read goes through here. Declared
     // last, so it is drained while everything its completions reach exists.

@@ -74,7 +74,7 @@ std::string evidenceBaseName(std::uint32_t roomId, std::uint32_t desyncCount, st
 }
 
 void handleResyncReport(Storage& storage, Match& match, const Seating& seating, std::uint32_t slot,
-                        const ResyncReport& report, ByteView packet) {
+                        const ResyncReport& report, ByteView packet, std::uint64_t evidenceLimit) {
     match.resyncPending[slot] = false;
     // Nothing marks a slot pending yet, so every report completes the resync
     // at once and reaches the players as it arrives.
@@ -88,13 +88,27 @@ void handleResyncReport(Storage& storage, Match& match, const Seating& seating, 
         for (ENetPeer* peer : seating.peers)
             if (peer != nullptr) players.push_back(refOf(peer));
     }
+    // A room that desyncs again and again would fill the disk with evidence
+    // that says nothing new: past the room's allowance the report is still
+    // relayed, but no longer written.
+    const std::uint64_t evidence = report.world.size() + report.log.size();
+    const bool write = evidenceLimit == 0 || match.evidenceBytes + evidence <= evidenceLimit;
+    if (write) {
+        match.evidenceBytes += evidence;
+    } else {
+        countLimit(LimitFired::resyncPerRoom);
+        logError("|||| Resync evidence of room " + std::to_string(seating.roomId) + " over its limit of " +
+                 std::to_string(evidenceLimit) + " bytes: not written");
+    }
     // The players hear of it once the evidence is on disk.
     storage.submit(
-        [base = evidenceBaseName(seating.roomId, match.desyncCount, slot),
+        [write, base = evidenceBaseName(seating.roomId, match.desyncCount, slot),
          world = Bytes(report.world.begin(), report.world.end()), log = Bytes(report.log.begin(), report.log.end()),
          players = std::move(players), relayed = Bytes(packet.begin(), packet.end())]() -> Storage::Completion {
-            writeEvidence(base + ".world", world);
-            writeEvidence(base + ".log", log);
+            if (write) {
+                writeEvidence(base + ".world", world);
+                writeEvidence(base + ".log", log);
+            }
             return [players, relayed] {
                 std::vector<ENetPeer*> still;
                 for (const PeerRef& p : players)

@@ -45,6 +45,8 @@ struct Seating {
 struct Match {
     std::uint32_t resyncStep = 0xFFFFFFFFu;  // orders for later steps are dropped
     std::uint32_t desyncCount = 0;
+    // Resync evidence written for this room, in bytes.
+    std::uint64_t evidenceBytes = 0;
     std::uint32_t lastCompletedStep = 0;
     std::uint32_t maxOrderDelay = 0;
     std::uint32_t delayCooldown = 40;
@@ -93,8 +95,9 @@ void handleChecksum(Match& match, const Seating& seating, std::uint32_t slot, st
 // resync order.
 void declareDesync(Match& match, const Seating& seating, std::uint32_t step);
 // Evidence files (written by the storage worker), then completion of the
-// resync; packet is the report as it came.
+// resync; packet is the report as it came. Evidence past evidenceLimit
+// bytes for the room (0: no limit) is relayed but not written.
 void handleResyncReport(Storage& storage, Match& match, const Seating& seating, std::uint32_t slot,
-                        const ResyncReport& report, ByteView packet);
+                        const ResyncReport& report, ByteView packet, std::uint64_t evidenceLimit = 0);
 // Data root + "server_data/resyncs/room<id>_desync<count>_peer<slot>".
 std::string evidenceBaseName(std::uint32_t roomId, std::uint32_t desyncCount, std::size_t slot);

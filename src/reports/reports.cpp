@@ -73,6 +73,12 @@ std::string chooseReportBase(const std::string& stem, const std::vector<std::str
     }
 }
 
+namespace {
+// The replies when not even the texts could be written.
+constexpr char kFeedbackUnwritten[] = "Failed to write feedback texts";
+constexpr char kTestUnwritten[] = "Failed to write test texts";
+}  // namespace
+
 std::string writeFeedbackReport(const std::string& stem, const FeedbackReport& report) {
     // The decoder has refused bundles that do not hold together.
     const std::optional<SnapshotBundle> bundle = parseSnapshotBundle(report.snapshot);
@@ -94,7 +100,7 @@ std::string writeFeedbackReport(const std::string& stem, const FeedbackReport& r
     // simply makes the first opening fail: the client gets that step's text
     // and the server carries on.
     if (!writeTextFile(base + ".txt", report.playerName, report.contactInfo, report.dataset, report.description))
-        return "Failed to write feedback texts";
+        return kFeedbackUnwritten;
     if (bundle) {
         if (!writeBinaryFile(base + ".save", bundle->save)) return "Failed to write snapshot .save";
         if (!writeBinaryFile(base + ".world", bundle->world)) return "Failed to write snapshot .world";
@@ -117,7 +123,7 @@ std::string writeDeterminismTestReport(const std::string& stem, const Determinis
 
     // As for feedback, a directory that cannot be created only fails the opening.
     if (!writeTextFile(base + ".txt", report.playerName, report.contactInfo, report.dataset, report.description))
-        return "Failed to write test texts";
+        return kTestUnwritten;
     if (!report.snapshot.empty() && !writeBinaryFile(base + ".save", report.snapshot))
         return "Failed to write test snapshot";
     return "Test results received succesfully! Thank you!";
@@ -151,4 +157,13 @@ void fileFeedbackReport(Storage& storage, ENetPeer* peer, ByteView packet) {
 void fileDeterminismTestReport(Storage& storage, ENetPeer* peer, ByteView packet) {
     fileReport<DeterminismTestReport>(storage, peer, packet, "server_data/test_determinism/",
                                       writeDeterminismTestReport);
+}
+
+void refuseReport(Storage& storage, ENetPeer* peer, bool feedback) {
+    storage.submit([to = refOf(peer), feedback]() -> Storage::Completion {
+        return [to, feedback] {
+            if (ENetPeer* peer = stillConnected(to))
+                sendBytes(peer, kReportsChannel, encode(ReportReply{1, feedback ? kFeedbackUnwritten : kTestUnwritten}));
+        };
+    });
 }

@@ -26,3 +26,6 @@ std::string writeDeterminismTestReport(const std::string& stem, const Determinis
 // still connected, gets the one ReportReply.
 void fileFeedbackReport(Storage& storage, ENetPeer* peer, ByteView packet);
 void fileDeterminismTestReport(Storage& storage, ENetPeer* peer, ByteView packet);
+// The reply of a report that could not be written, for one that is not
+// written at all; it keeps its place among the peer's other replies.
+void refuseReport(Storage& storage, ENetPeer* peer, bool feedback);

@@ -140,7 +140,15 @@ TEST(Match, ResyncReportsFileTheEvidenceAndEndTheResync) {
     EXPECT_EQ(room.match.resyncStep, 0xFFFFFFFFu);
     EXPECT_EQ(room.match.delayHold, kMaxDelayHold);
     EXPECT_EQ(h.takeSent(), toEach({0, 1}, kMatchControlChannel, report));
+    // Past the room's allowance the evidence is relayed but not written.
+    h.server.limits.resyncBytesPerRoom = 11;
+    room.match.desyncCount = 3;
     h.takeLogs();
+    h.receive(0, kMatchControlChannel, report);
+    EXPECT_EQ(h.takeSent(), toEach({0, 1}, kMatchControlChannel, report));
+    EXPECT_FALSE(std::filesystem::exists(root / "server_data/resyncs/room1_desync3_peer0.world"));
+    EXPECT_EQ(h.takeLogs(),
+              std::vector<std::string>{error("|||| Resync evidence of room 1 over its limit of 11 bytes: not written")});
     report.pop_back();
     h.receive(0, kMatchControlChannel, report);
     EXPECT_EQ(h.takeLogs(),

@@ -118,6 +118,31 @@ TEST(Dispatch, BudgetsDropTheExcessWithALineAMinuteAndCutOffAPeerThatStaysOver) 
                                 "|||| Peer 10.0.0.2:5001: 3 more malformed or unknown messages, not logged one by one")});
 }
 
+TEST(Reports, OverAQuotaTheyAreAnsweredAsUnwrittenAndNothingIsWritten) {
+    TempDataRoot root;
+    setClockForTests(1764000000);
+    Harness h;
+    h.server.limits.reportsPerPeerPerHour = 2;
+    h.connect(0);
+    h.connect(1);
+    const Bytes report = encode(FeedbackReport{1, "p", "c", "d", "t"});
+    const Bytes written = encode(ReportReply{1, "Feedback received succesfully! Thank you!"});
+    const Bytes unwritten = encode(ReportReply{1, "Failed to write feedback texts"});
+    h.takeLogs();
+    for (int i = 0; i < 3; ++i) h.receive(0, kReportsChannel, report);
+    EXPECT_EQ(h.takeSent(), toEach({0, 0}, kReportsChannel, written) + toEach({0}, kReportsChannel, unwritten));
+    EXPECT_EQ(h.takeLogs(), std::vector<std::string>{
+                                error("|||| Report from 10.0.0.1:5000 not written: over reports_per_peer_per_hour")});
+    EXPECT_EQ(std::distance(std::filesystem::directory_iterator(root / "server_data/feedback"), {}), 2);
+    // The day's bytes are shared by every peer, and a new day starts afresh.
+    h.server.limits.reportsBytesPerDay = 2 * report.size();
+    h.receive(1, kReportsChannel, encode(DeterminismTestReport{1, "p", "c", "d", "t"}));
+    EXPECT_EQ(h.takeSent(), toEach({1}, kReportsChannel, encode(ReportReply{1, "Failed to write test texts"})));
+    setClockForTests(1764000000 + 86400);
+    h.receive(1, kReportsChannel, report);
+    EXPECT_EQ(h.takeSent(), toEach({1}, kReportsChannel, written));
+}
+
 TEST(Config, LinesPortDescriptionAndStatistics) {
     const struct {
         const char* text;
