@@ -200,7 +200,7 @@ int main(int argc, char** argv) {
             metrics().loopTurn.observe(static_cast<double>(monotonicMicros() - turnStart) / 1e6);
             metrics().loopTurnCpu.observe(static_cast<double>(threadCpuMicros() - turnCpuStart) / 1e6);
         }
-        waitForTraffic(*server, pacing.pollInterval);
+        if (!server->eventsLeft) waitForTraffic(*server, pacing.pollInterval);
     }
 
     notifyStopping();

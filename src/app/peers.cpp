@@ -2,6 +2,7 @@
 
 #include "lobby/lobby.h"
 #include "log/log.h"
+#include "log/metrics.h"
 #include "protocol/send.h"
 
 bool isRegistered(const Server& server, ENetPeer* peer) { return server.peers.count(peer) != 0; }
@@ -47,4 +48,23 @@ void cutOff(Server& server, ENetPeer* peer) {
 
 void cutOffPeersOverLimit(Server& server) {
     for (ENetPeer* peer : takePeersOverOutgoingLimit()) cutOff(server, peer);
+}
+
+void cutOffOverWaitingTotal(Server& server) {
+    const std::uint64_t limit = server.limits.maxWaitingBytesTotal;
+    if (limit == 0) return;
+    for (;;) {
+        std::uint64_t total = 0;
+        ENetPeer* most = nullptr;
+        for (ENetPeer* peer : server.peers) {
+            total += peer->totalWaitingData;
+            if (most == nullptr || peer->totalWaitingData > most->totalWaitingData) most = peer;
+        }
+        if (total <= limit || most == nullptr) return;
+        countLimit(LimitFired::waitingTotal);
+        logError("|||| Peers hold " + std::to_string(total) + " bytes of unfinished messages, over the limit of " +
+                 std::to_string(limit) + "; " + peerAddressText(most) + " holds the most (" +
+                 std::to_string(most->totalWaitingData) + "). Disconnecting it");
+        cutOff(server, most);
+    }
 }

@@ -15,3 +15,7 @@ void handleDisconnect(Server& server, ENetPeer* peer);
 void cutOffPeersOverLimit(Server& server);
 // Disconnects the peer at once, as above.
 void cutOff(Server& server, ENetPeer* peer);
+// When the data peers have sent but ENet has not yet handed over (partial
+// packets) passes the limit for all of them together, the peer holding the
+// most is cut off, until the rest fits.
+void cutOffOverWaitingTotal(Server& server);

@@ -40,6 +40,9 @@ struct Server {
     std::unordered_map<ENetPeer*, PeerBudget> budgets;
     RoomRegistry rooms;
     std::uint32_t bytesReceived = 0;
+    // The last turn stopped at its bound of events: the next one must not
+    // wait for traffic, since ENet may hold events already received.
+    bool eventsLeft = false;
     // Report bytes accepted on the day (Unix days) they count against.
     std::int64_t reportDay = -1;
     std::uint64_t reportBytesToday = 0;

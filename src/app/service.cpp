@@ -47,6 +47,16 @@ const std::tm& localTimeThisSecond() {
 // packet, so the room work keeps that pace at most instead of running once per
 // wake-up: a busy server would otherwise decide delays many times a second
 // and walk every room for every packet.
+// Ten times a second is often enough to see partial messages pile up: a
+// peer adds at most the host's bandwidth in that time.
+bool waitingCheckDue() {
+    static std::uint64_t last = 0;
+    const std::uint64_t now = steadyMicros();
+    if (now - last < 100'000) return false;
+    last = now;
+    return true;
+}
+
 bool roomWorkDue() {
     using Clock = std::chrono::steady_clock;
     static Clock::time_point last{};
@@ -63,7 +73,11 @@ bool serviceStep(Server& server) {
 
     bool handled = false;
     ENetEvent event;
-    while (enet_host_service(server.host, &event, 0) > 0) {
+    // A turn hands over a bounded number of events, so the completions, the
+    // downloads and the room work come round however much arrives; ENet
+    // itself serves its peers in turn, a packet each.
+    int events = 0;
+    for (; events < kMaxEventsPerTurn && enet_host_service(server.host, &event, 0) > 0; ++events) {
         switch (event.type) {
             case ENET_EVENT_TYPE_CONNECT:
                 handleConnect(server, event.peer);
@@ -86,9 +100,11 @@ bool serviceStep(Server& server) {
                 break;
         }
     }
+    server.eventsLeft = events == kMaxEventsPerTurn;
     handled = server.storage.poll() > 0 || handled;
     pumpDownloads(server.storage, server.downloads);
     if (roomWorkDue()) runRoomWork(server);
     cutOffPeersOverLimit(server);
+    if (waitingCheckDue()) cutOffOverWaitingTotal(server);
     return handled;
 }

@@ -14,6 +14,9 @@
 bool serviceStep(Server& server);
 // The periodic dump latch for the given local time.
 void checkPeriodicDump(Server& server, const std::tm& local);
+// Events handed over by ENet in one turn: enough for every peer of a busy
+// server twice, few enough that a turn stays well under a step.
+inline constexpr int kMaxEventsPerTurn = 4096;
 // The room work runs at most once per this many milliseconds of the loop.
 inline constexpr int kRoomWorkPeriodMs = 2;
 // The per-step room work after the events, unpaced (for tests and fuzzing).

@@ -8,6 +8,7 @@
 #include <fstream>
 
 #include "app/pacing.h"
+#include "app/peers.h"
 #include "app/service.h"
 #include "lobby/lobby.h"
 #include "log/metrics.h"
@@ -116,6 +117,22 @@ TEST(Dispatch, BudgetsDropTheExcessWithALineAMinuteAndCutOffAPeerThatStaysOver) 
     h.receive(1, 6, words({9}));
     EXPECT_EQ(h.takeLogs(), std::vector<std::string>{error(
                                 "|||| Peer 10.0.0.2:5001: 3 more malformed or unknown messages, not logged one by one")});
+}
+
+TEST(Dispatch, PartialMessagesOverTheTotalCutOffThePeerHoldingMost) {
+    Harness h;
+    h.server.limits.maxWaitingBytesTotal = 400;
+    for (std::size_t i = 0; i < 3; ++i) h.connect(i);
+    h.peer(0)->totalWaitingData = 150;
+    h.peer(1)->totalWaitingData = 200;
+    h.peer(2)->totalWaitingData = 100;
+    h.takeLogs();
+    cutOffOverWaitingTotal(h.server);
+    EXPECT_EQ(h.takeSent(), (std::vector<Sent>{{1, kDisconnectedMark, {}}}));
+    EXPECT_EQ(h.takeLogs().front(), error("|||| Peers hold 450 bytes of unfinished messages, over the limit of 400; "
+                                          "10.0.0.2:5001 holds the most (200). Disconnecting it"));
+    cutOffOverWaitingTotal(h.server);
+    EXPECT_TRUE(h.takeSent().empty());
 }
 
 TEST(Reports, OverAQuotaTheyAreAnsweredAsUnwrittenAndNothingIsWritten) {
