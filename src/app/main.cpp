@@ -22,6 +22,7 @@
 #include "platform/console.h"
 #include "platform/metrics_http.h"
 #include "platform/notify.h"
+#include "platform/process.h"
 #include "platform/signals.h"
 #include "platform/files.h"
 #include "stats/events.h"
@@ -87,6 +88,10 @@ bool enterDataRoot(const std::string& dir) {
 
 int main(int argc, char** argv) {
     installStopSignals();
+    // Before anything opens a file, so none of them is refused for want of
+    // a descriptor the hard limit allows.
+    if (!raiseOpenFileLimit())
+        std::fprintf(stderr, "lockstep-server: warning: cannot raise the open file limit to its hard limit\n");
 
     Options options;
     if (int status = parseOptions(argc, argv, options); status >= 0) return status;

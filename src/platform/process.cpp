@@ -57,3 +57,11 @@ bool readProcessFigures(ProcessFigures& figures) {
     if (getrlimit(RLIMIT_NOFILE, &limit) == 0) figures.maxFds = limit.rlim_cur;
     return true;
 }
+
+bool raiseOpenFileLimit() {
+    rlimit limit{};
+    if (getrlimit(RLIMIT_NOFILE, &limit) != 0) return false;
+    if (limit.rlim_cur == limit.rlim_max) return true;
+    limit.rlim_cur = limit.rlim_max;
+    return setrlimit(RLIMIT_NOFILE, &limit) == 0;
+}

@@ -14,3 +14,11 @@ struct ProcessFigures {
 
 // False when /proc cannot be read; the figures are then zero.
 bool readProcessFigures(ProcessFigures& figures);
+
+// Raises the soft limit on open files to the hard limit. The soft limit is
+// often 1,024 while the hard one is far higher; the game's log, reports, dumps
+// and update files must never fail for want of a descriptor, whatever else
+// (the metrics endpoint's connections) holds some. Does nothing when the two
+// are equal, as under the shipped service unit (LimitNOFILE= sets both).
+// False when the limit could not be raised.
+bool raiseOpenFileLimit();

@@ -1,6 +1,7 @@
 // The binary as an operator meets it: its log from start to stop, the data
 // root, options and exit statuses, the service manager, metrics and signals.
 
+#include <netinet/in.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <tuple>
@@ -155,6 +156,46 @@ TEST(Operations, DataRootFromElsewhereServiceManagerMetricsAndAnOrderlySigterm) 
               std::string::npos);
     close(fd);
     unlink(path.c_str());
+}
+
+TEST(Operations, MetricsOutlastSilentClientsAndRefuseBodiesUnread) {
+    const std::uint16_t httpPort = freePort(true);
+    ServerProcess server(ServerOptions{.arguments = {"--metrics", "127.0.0.1:" + std::to_string(httpPort)}});
+    ASSERT_TRUE(server.start());
+    auto openFds = [&] {
+        auto fds = std::filesystem::directory_iterator("/proc/" + std::to_string(server.pid()) + "/fd");
+        return std::distance(begin(fds), end(fds));
+    };
+    auto connectSending = [&](const std::string& bytes) {
+        int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        sockaddr_in addr{AF_INET, htons(httpPort), {htonl(INADDR_LOOPBACK)}, {}};
+        EXPECT_EQ(connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr), 0);
+        timeval tv{10, 0};
+        setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv);
+        send(fd, bytes.data(), bytes.size(), MSG_NOSIGNAL);
+        return fd;
+    };
+    const auto before = openFds();
+    // More clients that send half a request and then nothing than the
+    // endpoint serves and keeps waiting together (4 + 16), and a body far
+    // over the limit, announced and begun.
+    std::vector<int> silent;
+    for (int i = 0; i < 30; ++i) silent.push_back(connectSending("GET /metrics HTTP/1.1\r\nHost: a\r\n"));
+    int post = connectSending("POST /metrics HTTP/1.1\r\nContent-Length: 500000000\r\n\r\n" + std::string(4096, 'x'));
+    std::this_thread::sleep_for(std::chrono::milliseconds(300));
+    EXPECT_LE(openFds(), before + 4 + 16 + 1);
+
+    httplib::Client http("127.0.0.1", httpPort);
+    http.set_connection_timeout(10);
+    http.set_read_timeout(10);
+    auto res = http.Get("/metrics");
+    ASSERT_TRUE(res);
+    EXPECT_EQ(res->status, 200);
+    char answer[13] = {};
+    EXPECT_EQ(recv(post, answer, 12, MSG_WAITALL), 12);
+    EXPECT_STREQ(answer, "HTTP/1.1 405");
+    for (int fd : silent) close(fd);
+    close(post);
 }
 
 TEST(Console, AReaderThatStallsOrVanishesHoldsUpNeitherTheMatchNorTheStop) {
