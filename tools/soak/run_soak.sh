@@ -21,6 +21,9 @@ root=$(mktemp -d /tmp/lockstep-soak-XXXXXX)
 port=$(python3 -c 'import socket; s=socket.socket(socket.AF_INET, socket.SOCK_DGRAM); s.bind(("127.0.0.1", 0)); print(s.getsockname()[1])')
 mkdir -p "$root/settings"
 printf '%s\nsoak\n1\n' "$port" > "$root/settings/server.config"
+# All the churn comes from 127.0.0.1, far past what one real address may
+# hold; every junk packet is to be logged.
+printf 'max_peers_per_address = 0\nconnects_per_address_per_minute = 0\nmalformed_lines_per_peer = 0\n' > "$root/settings/limits.conf"
 
 # Leaks are looked for when the server exits. The quarantine of freed memory
 # is capped so that a flat server also looks flat in its resident size: with
