@@ -35,3 +35,25 @@ TEST(Limits, FileProblemsReloadAndAPeerThatTakesNothingIsCutOff) {
     EXPECT_TRUE(server.waitForLog("./settings/limits.conf line 2: bad value \"1 TiB\" for text_per_second"));
     EXPECT_EQ(server.stop(), 0);
 }
+
+TEST(Limits, ARoomFloodIsDroppedAndCutOffWhileTheMatchPlaysOn) {
+    ServerProcess server;
+    server.writeFile("settings/limits.conf", "overbudget_disconnect_seconds = 1\n");
+    ASSERT_TRUE(server.start());
+    TestClient a, b, flooder;
+    ASSERT_NE(e2e::startMatch(server.port(), {&a, &b}, {"a", "b"}), 0u);
+    ASSERT_TRUE(flooder.connect(server.port()));
+    const Bytes create = createRoom("flood"), leave = words({4, 1});
+    for (std::uint32_t step = 1; step <= 30; ++step) {
+        for (int i = 0; i < 100; ++i) {
+            flooder.send(0, create);
+            flooder.send(0, leave);
+        }
+        a.send(3, e2e::order(step, 0, 1, ""));
+        ASSERT_EQ(e2e::wordAt(b.nextOn(3).value_or(Bytes{}), 1), step);
+        flooder.quiet(50);
+    }
+    EXPECT_FALSE(flooder.connected());
+    EXPECT_TRUE(server.waitForLog(" stayed over budget for more than 1 s. Disconnecting it"));
+    EXPECT_NE(server.log().find("over budget, dropped: lobby "), std::string::npos);
+}

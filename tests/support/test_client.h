@@ -47,7 +47,9 @@ public:
         return false;
     }
 
+    // Nothing, once the server has disconnected the client.
     void send(std::uint8_t channel, ByteView bytes) {
+        if (peer_ == nullptr) return;
         enet_peer_send(peer_, channel, enet_packet_create(bytes.data(), bytes.size(), ENET_PACKET_FLAG_RELIABLE));
         enet_host_flush(host_);
     }
@@ -80,6 +82,7 @@ public:
     }
 
     // The client's own port, as the server sees it.
+    bool connected() const { return peer_ != nullptr; }
     std::uint16_t localPort() const { return host_->address.port; }
 
 private:
