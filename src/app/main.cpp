@@ -13,6 +13,7 @@
 
 #include "app/options.h"
 #include "app/pacing.h"
+#include "app/peers.h"
 #include "app/server.h"
 #include "app/service.h"
 #include "lobby/lobby.h"
@@ -41,6 +42,14 @@ void handleKey(Server& server, int key) {
         case 'd':
             dumpEvents(server.storage, server.events, server.statistics, "keypress_dump");
             break;
+        case 'b': {
+            std::uint64_t refused = 0;
+            for (LimitFired l : {LimitFired::banned, LimitFired::peersPerAddress, LimitFired::connectsPerMinute})
+                refused += metrics().limitsFired[static_cast<std::size_t>(l)].load(std::memory_order_relaxed);
+            logMessage("Bans: " + std::to_string(server.connections.bans.entries) + " entries; " +
+                       std::to_string(refused) + " connects refused since the start");
+            break;
+        }
         default:
             break;
     }
@@ -142,6 +151,7 @@ int main(int argc, char** argv) {
     }
     startServer(*server);
     loadLimits(*server);
+    loadBans(*server);
     server->storage.onFull = [last = std::int64_t{-60}]() mutable {
         if (unixNow() - last < 60) return;
         last = unixNow();
@@ -185,8 +195,9 @@ int main(int argc, char** argv) {
             // The writer opens the log file by its path for every batch, so
             // a file moved away by logrotate is already replaced.
             logMessage("SIGHUP: the log file is reopened at its path; reloading the limits from " +
-                       server->limitsFile);
+                       server->limitsFile + " and the bans from " + server->bansFile);
             loadLimits(*server);
+            loadBans(*server);
         }
         if (reportRequested) {
             reportRequested = 0;

@@ -1,8 +1,12 @@
 #include "app/peers.h"
 
+#include <cstdio>
+
 #include "lobby/lobby.h"
 #include "log/log.h"
 #include "log/metrics.h"
+#include "platform/clock.h"
+#include "platform/files.h"
 #include "protocol/send.h"
 
 bool isRegistered(const Server& server, ENetPeer* peer) { return server.peers.count(peer) != 0; }
@@ -10,6 +14,13 @@ bool isRegistered(const Server& server, ENetPeer* peer) { return server.peers.co
 void handleConnect(Server& server, ENetPeer* peer) {
     if (isRegistered(server, peer)) {
         logError("|||| Peer " + peerAddressText(peer) + " is already connected!");
+        return;
+    }
+    // The gate looked at the connect datagram, but a reload may have banned
+    // the address while the handshake went on.
+    if (isBanned(server.connections, peer->address.host)) {
+        noteRefusal(server.connections, peer->address.host, Refusal::banned, steadyMicros());
+        disconnectNow(peer);
         return;
     }
     static std::uint64_t connections = 0;
@@ -44,6 +55,35 @@ void cutOff(Server& server, ENetPeer* peer) {
     if (!isRegistered(server, peer)) return;
     handleDisconnect(server, peer);
     disconnectNow(peer);
+}
+
+void loadBans(Server& server) {
+    if (server.bansFile.empty()) server.bansFile = dataRootPrefix() + "server_data/bans.txt";
+    server.storage.submit([&server, path = server.bansFile]() -> Storage::Completion {
+        std::string text;
+        // A missing file is no ban at all, not a problem.
+        const bool read = readSmallTextFile(path, 16 * 1024 * 1024, text);
+        return [&server, path, read, text = std::move(text)] {
+            std::vector<std::string> problems;
+            server.connections.bans = parseBans(read ? text : std::string(), path, problems);
+            for (const std::string& problem : problems) {
+                std::fprintf(stderr, "lockstep-server: %s\n", problem.c_str());
+                logError(problem);
+            }
+            logMessage("Bans: " + std::to_string(server.connections.bans.entries) + " entries");
+            cutOffBannedPeers(server);
+        };
+    });
+}
+
+void cutOffBannedPeers(Server& server) {
+    if (server.connections.bans.entries == 0) return;
+    const std::vector<ENetPeer*> peers(server.peers.begin(), server.peers.end());
+    for (ENetPeer* peer : peers) {
+        if (!isBanned(server.connections, peer->address.host)) continue;
+        logMessage("Peer " + peerAddressText(peer) + " is banned. Disconnecting it");
+        cutOff(server, peer);
+    }
 }
 
 void cutOffPeersOverLimit(Server& server) {

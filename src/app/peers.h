@@ -13,6 +13,12 @@ void handleDisconnect(Server& server, ENetPeer* peer);
 // queued for it: out of its room and the registry first, then ENet's slot
 // and queues are freed.
 void cutOffPeersOverLimit(Server& server);
+// Reads the ban list (by the storage worker once it runs), each problem to
+// stderr and the log, then cuts off the registered peers that it bans.
+void loadBans(Server& server);
+// Disconnects at once every registered peer whose address the ban list
+// holds: a ban added by a reload reaches peers connected before it.
+void cutOffBannedPeers(Server& server);
 // Disconnects the peer at once, as above.
 void cutOff(Server& server, ENetPeer* peer);
 // When the data peers have sent but ENet has not yet handed over (partial

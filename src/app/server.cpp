@@ -91,6 +91,7 @@ void startServer(Server& server) {
     // describe in practice.
     server.host->maximumPacketSize = kMaxPacketSize;
     applyLimits(server);
+    installConnectionGate(server.host, &server.connections);
     logMessage("Enet server created at " + std::to_string(server.host->address.host) + ":" +
                std::to_string(server.host->address.port));
     if (std::size_t n = removeLeftoverTemporaries(dataRootPrefix() + "server_data"))
@@ -118,6 +119,8 @@ void loadLimits(Server& server) {
 
 void applyLimits(Server& server) {
     const Limits& l = server.limits;
+    server.connections.maxPeersPerAddress = l.maxPeersPerAddress;
+    server.connections.connectsPerMinute = l.connectsPerAddressPerMinute;
     setOutgoingLimit(l.maxOutgoingBytesPerPeer);
     server.downloads.maxInFlight = l.downloadBytesInFlight;
     if (server.host != nullptr)
@@ -137,6 +140,7 @@ void stopServer(Server& server) {
         enet_peer_disconnect(peer, 0);
     }
     if (server.host != nullptr) {
+        installConnectionGate(server.host, nullptr);
         enet_host_flush(server.host);
         enet_host_destroy(server.host);
         server.host = nullptr;

@@ -11,6 +11,7 @@
 #include <enet/enet.h>
 
 #include "app/budgets.h"
+#include "app/connections.h"
 #include "app/limits.h"
 #include "lobby/room.h"
 #include "platform/storage.h"
@@ -26,6 +27,9 @@ struct Server {
     // The limits file: settings/limits.conf in the data root, or --limits.
     std::string limitsFile;
     bool limitsFileNamed = false;
+    // server_data/bans.txt in the data root, and the limits on connects.
+    std::string bansFile;
+    ConnectionGate connections;
     bool eventDumpArmed = true;
     std::string serverDescription;
     bool statisticsEnabled = false;

@@ -1,5 +1,6 @@
 #pragma once
-// A game client for tests: real ENet over 127.0.0.1.
+// A game client for tests: real ENet to 127.0.0.1, from 127.0.0.1 or another
+// loopback address when a test needs a second one.
 
 #include <algorithm>
 #include <chrono>
@@ -16,11 +17,11 @@
 
 class TestClient {
 public:
-    TestClient() {
+    explicit TestClient(const char* localHost = "127.0.0.1") {
         static const bool initialised = enet_initialize() == 0;
         // Bound explicitly so that the client knows its own port.
         ENetAddress local{};
-        enet_address_set_host(&local, "127.0.0.1");
+        enet_address_set_host(&local, localHost);
         host_ = initialised ? enet_host_create(&local, 1, 7, 0, 0) : nullptr;
         if (host_ == nullptr) std::abort();
     }
