@@ -7,6 +7,8 @@
 
 #include "app/connections.h"
 #include "log/log.h"
+#include "protocol/send.h"
+#include "support/harness.h"
 
 namespace {
 Address16 ip(const char* text) {
@@ -80,4 +82,18 @@ TEST(Connections, PeersPerAddressAndATokenBucketThatRefills) {
     for (const std::string& line : takeQueuedLogTexts()) log += line + "\n";
     EXPECT_EQ(log, "Refused connect from 127.0.0.1: 2 peers from this address already (max_peers_per_address)\n"
                    "Refused connect from 127.0.0.2: banned\n");
+}
+
+TEST(Connections, APeerBannedDuringItsHandshakeIsDroppedUnregistered) {
+    Harness h;
+    std::vector<std::string> problems;
+    h.server.connections.bans = parseBans("10.0.0.2", "b", problems);
+    std::vector<ENetPeer*> dropped;
+    setDisconnectRecorder([&](ENetPeer* p) { dropped.push_back(p); });
+    h.connect(0);
+    h.connect(1);
+    setDisconnectRecorder(nullptr);
+    EXPECT_EQ(dropped, std::vector<ENetPeer*>{h.peer(1)});
+    EXPECT_EQ(h.server.peers, std::set<ENetPeer*>{h.peer(0)});
+    EXPECT_EQ(h.takeLogs().back(), "Refused connect from 10.0.0.2: banned");
 }
