@@ -20,6 +20,7 @@ inline constexpr const char* kGroupNames[kGroupCount] = {"lobby", "text", "order
 struct Rate {
     std::uint64_t perSecond = 0;
     std::uint64_t burst = 0;
+    bool operator==(const Rate&) const = default;
 };
 
 inline constexpr std::uint64_t kMiB = 1024 * 1024;
@@ -71,6 +72,7 @@ struct Limits {
     std::uint64_t reportsPerPeerPerHour = 20;
     // Resync evidence (two files per player and desync) kept per room.
     std::uint64_t resyncBytesPerRoom = 256 * kMiB;
+    bool operator==(const Limits&) const = default;
 };
 
 // Reads "name = value" lines ('#' starts a comment; values are whole numbers,

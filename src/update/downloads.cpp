@@ -4,10 +4,10 @@
 
 #include "log/log.h"
 #include "protocol/messages.h"
-#include "update/update.h"
 
-void queueFileRequest(Storage& storage, Downloads& downloads, PeerRef to, std::string name, bool refused) {
-    downloads.waiting.push_back(Downloads::Request{to, std::move(name), refused});
+void queueFileRequest(Storage& storage, Downloads& downloads, PeerRef to, std::string name, bool refused,
+                      FileReader read) {
+    downloads.waiting.push_back(Downloads::Request{to, std::move(name), refused, read});
     pumpDownloads(storage, downloads);
 }
 
@@ -36,7 +36,7 @@ void pumpDownloads(Storage& storage, Downloads& downloads) {
         downloads.reading = true;
         storage.submit([&storage, &downloads, request = std::move(request)]() -> Storage::Completion {
             std::string problem;
-            Bytes message = request.refused ? encode(FileData{1, request.name, {}}) : readFileData(request.name, problem);
+            Bytes message = request.refused ? encode(FileData{1, request.name, {}}) : request.read(request.name, problem);
             return [&storage, &downloads, to = request.to, message = std::move(message),
                     problem = std::move(problem)]() mutable {
                 if (!problem.empty()) logError(problem);

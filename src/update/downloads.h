@@ -16,6 +16,9 @@
 #include "protocol/send.h"
 #include "protocol/wire.h"
 
+// Reads the named file's whole FileData message; a problem to log, if any.
+using FileReader = Bytes (*)(const std::string& name, std::string& problem);
+
 struct Downloads {
     // 0: no bound.
     std::size_t maxInFlight = 4u * 1024 * 1024;
@@ -24,6 +27,7 @@ struct Downloads {
         std::string name;
         // A name that may not be read: answered with length 0 unread.
         bool refused = false;
+        FileReader read = nullptr;
     };
     std::deque<Request> waiting;
     std::size_t inFlight = 0;
@@ -35,7 +39,8 @@ struct Downloads {
 };
 
 // Queues the request behind the earlier ones and starts what may start.
-void queueFileRequest(Storage& storage, Downloads& downloads, PeerRef to, std::string name, bool refused);
+void queueFileRequest(Storage& storage, Downloads& downloads, PeerRef to, std::string name, bool refused,
+                      FileReader read);
 // Sends the file read last when it fits and starts the next read. Requests
 // from peers that have gone are dropped unread. Cheap when nothing waits.
 void pumpDownloads(Storage& storage, Downloads& downloads);

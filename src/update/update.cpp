@@ -125,5 +125,5 @@ void sendFile(Storage& storage, Downloads& downloads, ENetPeer* peer, std::strin
     // error line; the file system is not touched for them at all. Their
     // answer still queues behind the peer's earlier ones.
     if (refused) logError("|||| Refused file request \"" + printable(name) + "\" from " + peerAddressText(peer));
-    queueFileRequest(storage, downloads, refOf(peer), std::move(name), refused);
+    queueFileRequest(storage, downloads, refOf(peer), std::move(name), refused, readFileData);
 }

@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <fstream>
 
+#include "app/limits.h"
 #include "app/pacing.h"
 #include "app/peers.h"
 #include "app/service.h"
@@ -158,6 +159,26 @@ TEST(Reports, OverAQuotaTheyAreAnsweredAsUnwrittenAndNothingIsWritten) {
     setClockForTests(1764000000 + 86400);
     h.receive(1, kReportsChannel, report);
     EXPECT_EQ(h.takeSent(), toEach({1}, kReportsChannel, written));
+}
+
+TEST(Config, EveryLimitHasItsOwnNameUnitsAndIsDocumented) {
+    const std::string docs = readWholeFile(std::filesystem::path(LOCKSTEP_SOURCE_DIR) / "docs/operations.md");
+    std::vector<std::string> problems;
+    std::vector<Limits> seen;
+    for (const std::string& name : limitNames()) {
+        Limits l = parseLimits(name + " = 3 KiB", "f", problems);
+        EXPECT_NE(l, Limits{}) << name;
+        for (const Limits& other : seen) EXPECT_NE(l, other) << name;
+        seen.push_back(l);
+        EXPECT_NE(docs.find("`" + name + "`"), std::string::npos) << name;
+    }
+    EXPECT_EQ(seen.size(), 27u);
+    EXPECT_EQ(parseLimits("max_peers_per_address = 2 GiB", "f", problems).maxPeersPerAddress, 2048 * kMiB);
+    parseLimits("a = 1\nmax_peers_per_address = 18446744073709551616\nmax_peers_per_address 5\n", "f", problems);
+    EXPECT_EQ(problems, (std::vector<std::string>{
+                            "f line 1: unknown limit \"a\"; line ignored",
+                            "f line 2: bad value \"18446744073709551616\" for max_peers_per_address; line ignored",
+                            "f line 3: not \"name = value\"; line ignored"}));
 }
 
 TEST(Config, LinesPortDescriptionAndStatistics) {
