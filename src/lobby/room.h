@@ -32,6 +32,11 @@ struct Room {
     bool running = false;
     std::vector<std::string> matchPlayerNames;
     GameSettings settings;
+    // What every room list repeats, encoded once: the settings (kept in step
+    // with them) and the room's entry, valid while listKey stays the same.
+    SharedMessage sharedSettings;
+    SharedMessage listEntry;
+    std::uint32_t listKey = 0xFFFFFFFFu;
     std::array<Slot, kSlotCount> slots;
     SlotFlags confirmed{};
     SlotFlags closed{};

@@ -24,6 +24,7 @@ void createRoom(RoomRegistry& rooms, ENetPeer* peer, const CreateRoom& request) 
     room->dataset = request.dataset;
     room->datasetChecksum = request.datasetChecksum;
     room->settings = defaultGameSettings();
+    room->sharedSettings = SharedMessage(room->settings.bytes);
     Room& ref = *room;
     rooms.byId.emplace(ref.id, std::move(room));
     rooms.nextRoomId += 1;
@@ -59,19 +60,27 @@ ServerStatus serverStatus(const RoomRegistry& rooms, const std::string& descript
 void sendRoomList(const RoomRegistry& rooms, const ServerStatus& status, ENetPeer* peer, std::uint32_t roomId) {
     sendBytes(peer, kLobbyChannel, encode(status));
     for (const auto& [id, room] : rooms.byId) {
-        RoomListEntry entry;
-        entry.id = room->id;
-        entry.name = room->name;
-        entry.dataset = room->dataset;
-        entry.datasetChecksum = room->datasetChecksum;
-        entry.humans = humanCount(*room);
-        entry.capacity = capacity(*room);
-        entry.open = room->open ? 1 : 0;
-        sendBytes(peer, kLobbyChannel, encode(entry));
+        // Name, dataset and checksum never change: the entry is encoded
+        // again only when its counts or its openness do.
+        const std::uint32_t humans = humanCount(*room), cap = capacity(*room);
+        const std::uint32_t key = humans | cap << 8 | (room->open ? 1u : 0u) << 16;
+        if (key != room->listKey) {
+            RoomListEntry entry;
+            entry.id = room->id;
+            entry.name = room->name;
+            entry.dataset = room->dataset;
+            entry.datasetChecksum = room->datasetChecksum;
+            entry.humans = humans;
+            entry.capacity = cap;
+            entry.open = room->open ? 1 : 0;
+            room->listEntry = SharedMessage(encode(entry));
+            room->listKey = key;
+        }
+        sendShared(peer, kLobbyChannel, room->listEntry);
     }
     const Room* room = findRoom(rooms, roomId);
     if (room == nullptr) return;
-    sendBytes(peer, kLobbyChannel, room->settings.bytes);
+    sendShared(peer, kLobbyChannel, room->sharedSettings);
     RoomPlayerNames names;
     for (const Slot& slot : room->slots)
         if (slot.peer != nullptr) names.names.push_back(slot.info ? slot.info->playerName : std::string());
@@ -84,6 +93,7 @@ void updateGameSettings(RoomRegistry& rooms, ENetPeer* peer, GameSettings settin
     // Nothing in the settings is checked, not even after the start: the
     // clients own their meaning.
     sendToHumans(*room, kLobbyChannel, settings.bytes, peer);
+    room->sharedSettings = SharedMessage(settings.bytes);
     room->settings = std::move(settings);
 }
 

@@ -118,6 +118,41 @@ void sendOwned(ENetPeer* peer, std::uint8_t channel, Bytes bytes, std::function<
     if (enet_peer_send(peer, channel, packet) != 0 && packet->referenceCount == 0) enet_packet_destroy(packet);
 }
 
+SharedMessage::SharedMessage(ByteView bytes)
+    : packet_(enet_packet_create(bytes.data(), bytes.size(), ENET_PACKET_FLAG_RELIABLE)) {
+    // Our own reference: ENet frees the packet only once this message and
+    // every send of it have let go.
+    if (packet_ != nullptr) ++packet_->referenceCount;
+}
+
+SharedMessage::SharedMessage(SharedMessage&& other) noexcept : packet_(std::exchange(other.packet_, nullptr)) {}
+
+SharedMessage& SharedMessage::operator=(SharedMessage&& other) noexcept {
+    if (this != &other) {
+        this->~SharedMessage();
+        packet_ = std::exchange(other.packet_, nullptr);
+    }
+    return *this;
+}
+
+SharedMessage::~SharedMessage() {
+    if (packet_ != nullptr && --packet_->referenceCount == 0) enet_packet_destroy(packet_);
+    packet_ = nullptr;
+}
+
+ByteView SharedMessage::bytes() const {
+    return packet_ != nullptr ? ByteView(packet_->data, packet_->dataLength) : ByteView();
+}
+
+void sendShared(ENetPeer* peer, std::uint8_t channel, const SharedMessage& message) {
+    if (message.packet() == nullptr) return;
+    const ByteView bytes = message.bytes();
+    if (!admitOutgoing(peer, bytes.size())) return;
+    countOut(channel, bytes.size(), 1);
+    if (recorder) return recorder(peer, channel, bytes);
+    enet_peer_send(peer, channel, message.packet());
+}
+
 void sendBytesToMany(ENetPeer* const* peers, std::size_t count, std::uint8_t channel, ByteView bytes) {
     // A room's seats fit on the stack; only the lobby-wide text relay is
     // bigger.

@@ -25,6 +25,26 @@ void sendBytes(ENetPeer* peer, std::uint8_t channel, ByteView bytes);
 // go of them (delivered, or the peer gone), at once under the recorder.
 void sendOwned(ENetPeer* peer, std::uint8_t channel, Bytes bytes, std::function<void()> released);
 
+// An encoded message kept for sends again and again (a room's entry in the
+// room list, its settings): every send hands ENet the one packet, counted by
+// reference, instead of a copy. Empty until given bytes.
+class SharedMessage {
+public:
+    SharedMessage() = default;
+    explicit SharedMessage(ByteView bytes);
+    SharedMessage(SharedMessage&& other) noexcept;
+    SharedMessage& operator=(SharedMessage&& other) noexcept;
+    SharedMessage(const SharedMessage&) = delete;
+    SharedMessage& operator=(const SharedMessage&) = delete;
+    ~SharedMessage();
+    ByteView bytes() const;
+    ENetPacket* packet() const { return packet_; }
+
+private:
+    ENetPacket* packet_ = nullptr;
+};
+void sendShared(ENetPeer* peer, std::uint8_t channel, const SharedMessage& message);
+
 // The same bytes to several peers: one reference-counted ENet packet.
 void sendBytesToMany(ENetPeer* const* peers, std::size_t count, std::uint8_t channel, ByteView bytes);
 

@@ -138,10 +138,21 @@ TEST(Lobby, RoomListStatusEntriesThenDetails) {
                                                {2, 0, encode(RoomListEntry{1, 1, "Room # 1", "data", 77, 2, 7, 1})},
                                                {2, 0, room.settings.bytes},
                                                {2, 0, encode(RoomPlayerNames{1, {"P0", "P1"}})}}));
+    // Entries and settings are kept encoded; every change shows in the next list.
     room.open = false;
+    room.closed[6] = true;
     room.started = room.running = true;
     h.lobby(2, RoomListRequest{1, 9});
-    EXPECT_EQ(h.takeSent()[0].bytes, encode(ServerStatus{1, "desc", 1, 2, 0, 1, 4}));
+    std::vector<Sent> sent = h.takeSent();
+    ASSERT_EQ(sent.size(), 2u);
+    EXPECT_EQ(sent[0].bytes, encode(ServerStatus{1, "desc", 1, 2, 0, 1, 4}));
+    EXPECT_EQ(sent[1].bytes, encode(RoomListEntry{1, 1, "Room # 1", "data", 77, 2, 6, 0}));
+    GameSettings changed = room.settings;
+    changed.mapName = "other";
+    h.lobby(0, changed);
+    h.takeSent();
+    h.lobby(2, RoomListRequest{1, 1});
+    EXPECT_EQ(h.takeSent()[2].bytes, encode(changed));
 }
 
 TEST(Lobby, StartRefusedThenStartedConfirmedAndRunning) {
