@@ -78,6 +78,11 @@ bool serviceStep(Server& server) {
     // itself serves its peers in turn, a packet each.
     int events = 0;
     for (; events < kMaxEventsPerTurn && enet_host_service(server.host, &event, 0) > 0; ++events) {
+        // ENet sends what the handlers queued only once a drain has handed
+        // over every event it received: under load a drain is thousands of
+        // events long, and a relay queued at its start would wait for all
+        // of them. Flushing every so many events sends it on its way.
+        if (events % kEventsPerFlush == kEventsPerFlush - 1) enet_host_flush(server.host);
         switch (event.type) {
             case ENET_EVENT_TYPE_CONNECT:
                 handleConnect(server, event.peer);

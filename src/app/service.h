@@ -17,6 +17,9 @@ void checkPeriodicDump(Server& server, const std::tm& local);
 // Events handed over by ENet in one turn: enough for every peer of a busy
 // server twice, few enough that a turn stays well under a step.
 inline constexpr int kMaxEventsPerTurn = 4096;
+// Events between two flushes of what the handlers queued for sending, about
+// a millisecond of a busy drain.
+inline constexpr int kEventsPerFlush = 64;
 // The room work runs at most once per this many milliseconds of the loop.
 inline constexpr int kRoomWorkPeriodMs = 2;
 // The per-step room work after the events, unpaced (for tests and fuzzing).
