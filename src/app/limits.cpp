@@ -35,6 +35,12 @@ std::vector<Entry> entries() {
         {"reports_bytes_per_day", &Limits::reportsBytesPerDay},
         {"reports_per_peer_per_hour", &Limits::reportsPerPeerPerHour},
         {"resync_bytes_per_room", &Limits::resyncBytesPerRoom},
+        {"metrics_workers", &Limits::metricsWorkers},
+        {"metrics_waiting_connections", &Limits::metricsWaitingConnections},
+        {"metrics_request_bytes", &Limits::metricsRequestBytes},
+        {"metrics_timeout_seconds", &Limits::metricsTimeoutSeconds},
+        {"metrics_request_seconds", &Limits::metricsRequestSeconds},
+        {"metrics_requests_per_connection", &Limits::metricsRequestsPerConnection},
     };
     for (const auto& [name, field] : plain) e.push_back({name, field});
     return e;

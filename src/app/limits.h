@@ -72,6 +72,16 @@ struct Limits {
     std::uint64_t reportsPerPeerPerHour = 20;
     // Resync evidence (two files per player and desync) kept per room.
     std::uint64_t resyncBytesPerRoom = 256 * kMiB;
+
+    // The metrics endpoint, read once at start (0: the default). Scrapers
+    // ask one request at a time, send at once and read at once; a
+    // scraper's request is well under 1 KiB.
+    std::uint64_t metricsWorkers = 4;
+    std::uint64_t metricsWaitingConnections = 16;
+    std::uint64_t metricsRequestBytes = 64 * 1024;
+    std::uint64_t metricsTimeoutSeconds = 5;
+    std::uint64_t metricsRequestSeconds = 10;
+    std::uint64_t metricsRequestsPerConnection = 100;
     bool operator==(const Limits&) const = default;
 };
 

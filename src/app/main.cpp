@@ -7,6 +7,7 @@
 #include <memory>
 #include <string>
 #include <unistd.h>
+#include <type_traits>
 #include <vector>
 
 #include <enet/enet.h>
@@ -80,6 +81,27 @@ void waitForTraffic(Server& server, std::uint32_t intervalMs) {
     if (enet_socket_wait(server.host->socket, &condition, intervalMs) != 0) sleepMilliseconds(intervalMs);
 }
 
+// The endpoint's bounds are read once, before it starts; problems in the
+// file are reported when the server loads it a moment later.
+MetricsEndpointLimits metricsEndpointLimits(const std::string& file) {
+    std::string text;
+    std::vector<std::string> later;
+    readSmallTextFile(file, 1024 * 1024, text);
+    const Limits l = parseLimits(text, file, later);
+    MetricsEndpointLimits m;
+    auto set = [](auto& field, std::uint64_t value) {
+        if (value != 0) field = static_cast<std::remove_reference_t<decltype(field)>>(value);
+    };
+    set(m.workers, l.metricsWorkers);
+    set(m.waiting, l.metricsWaitingConnections);
+    set(m.requestBytes, l.metricsRequestBytes);
+    if (l.metricsTimeoutSeconds != 0)
+        m.readTimeout = m.writeTimeout = m.keepAlive = std::chrono::seconds(l.metricsTimeoutSeconds);
+    if (l.metricsRequestSeconds != 0) m.requestTime = std::chrono::seconds(l.metricsRequestSeconds);
+    set(m.requestsPerConnection, l.metricsRequestsPerConnection);
+    return m;
+}
+
 // --data-root: the directory is the data root, so it gets the tree the
 // server expects.
 bool enterDataRoot(const std::string& dir) {
@@ -105,6 +127,16 @@ int main(int argc, char** argv) {
     Options options;
     if (int status = parseOptions(argc, argv, options); status >= 0) return status;
     if (options.dataRoot && !enterDataRoot(*options.dataRoot)) return 2;
+    metrics().startUnix.store(unixNow());
+
+    std::string rootError;
+    if (!chooseDataRoot(rootError)) {
+        std::fprintf(stderr, "lockstep-server: %s\n", rootError.c_str());
+        return 1;
+    }
+    if (dataRootPrefix() == "../")
+        std::fprintf(stderr, "lockstep-server: warning: no server_data/ here; the data root is the parent directory\n");
+    const std::string limitsFile = options.limitsFile ? *options.limitsFile : dataRootPrefix() + "settings/limits.conf";
     if (options.metricsHost) {
         std::string error;
         auto health = [](HealthAnswer (*check)()) {
@@ -118,21 +150,13 @@ int main(int argc, char** argv) {
             {"/healthz", health([] { return loopHealth(monotonicMicros()); })},
             {"/readyz", health(readiness)},
         };
-        if (!startMetricsEndpoint(*options.metricsHost, options.metricsPort, std::move(routes), error)) {
+        if (!startMetricsEndpoint(*options.metricsHost, options.metricsPort, std::move(routes), error,
+                                  metricsEndpointLimits(limitsFile))) {
             std::fprintf(stderr, "lockstep-server: %s\n", error.c_str());
             return 2;
         }
         enableStepTiming();
     }
-    metrics().startUnix.store(unixNow());
-
-    std::string rootError;
-    if (!chooseDataRoot(rootError)) {
-        std::fprintf(stderr, "lockstep-server: %s\n", rootError.c_str());
-        return 1;
-    }
-    if (dataRootPrefix() == "../")
-        std::fprintf(stderr, "lockstep-server: warning: no server_data/ here; the data root is the parent directory\n");
     startLog("server.log");
     logMessage("path: " + dataRootPrefix());
 
@@ -145,10 +169,8 @@ int main(int argc, char** argv) {
     resetGlobalGenerator();
 
     auto server = std::make_unique<Server>();
-    if (options.limitsFile) {
-        server->limitsFile = *options.limitsFile;
-        server->limitsFileNamed = true;
-    }
+    server->limitsFile = limitsFile;
+    server->limitsFileNamed = options.limitsFile.has_value();
     startServer(*server);
     loadLimits(*server);
     loadBans(*server);
