@@ -11,7 +11,12 @@
 # lost relays, the server's peak RSS, and the log's growth per minute.
 #
 #   bench/run_flood.sh [--build DIR] [--rooms 127] [--seconds 10] [--repeat 3]
-#                      [--attackers "orders lobby reports"]
+#                      [--attackers "orders lobby reports"] [--flood-rate R]
+#                      [--limits "name = value; name = value"]
+#
+# --flood-rate sets every flooder's rate (0: each mode's default); --limits
+# adds lines to the server's limits file, e.g. to let a report flood through
+# and measure what writing it costs.
 
 set -euo pipefail
 
@@ -20,6 +25,8 @@ ROOMS=127
 SECONDS_PER_RUN=10
 REPEAT=3
 ATTACKERS="orders lobby reports"
+FLOOD_RATE=0
+EXTRA_LIMITS=""
 while [ $# -gt 0 ]; do
   case "$1" in
     --build) BUILD=$2; shift 2 ;;
@@ -27,6 +34,8 @@ while [ $# -gt 0 ]; do
     --seconds) SECONDS_PER_RUN=$2; shift 2 ;;
     --repeat) REPEAT=$2; shift 2 ;;
     --attackers) ATTACKERS=$2; shift 2 ;;
+    --flood-rate) FLOOD_RATE=$2; shift 2 ;;
+    --limits) EXTRA_LIMITS=$2; shift 2 ;;
     -h|--help) awk 'NR > 1 && /^#/ { sub(/^# ?/, ""); print; next } NR > 1 { exit }' "$0"; exit 0 ;;
     *) echo "run_flood.sh: unknown option $1" >&2; exit 2 ;;
   esac
@@ -51,6 +60,7 @@ run_one() {
   mkdir -p "$WORK/root/settings" "$WORK/root/server_data"
   printf '\nflood benchmark\n0\n' > "$WORK/root/settings/server.config"
   printf 'max_peers_per_address = 0\nconnects_per_address_per_minute = 0\n' > "$WORK/root/settings/limits.conf"
+  tr ';' '\n' <<<"$EXTRA_LIMITS" >> "$WORK/root/settings/limits.conf"
   "$SERVER_BIN" --data-root "$WORK/root" </dev/null >/dev/null 2>&1 &
   SERVER_PID=$!
   local port=""
@@ -66,7 +76,7 @@ run_one() {
     # The loadbot takes a moment to seat its players; the flood covers it.
     local s=$((SECONDS_PER_RUN + 3))
     for mode in $ATTACKERS; do
-      "$FLOOD_BIN" --port "$port" --mode "$mode" --seconds "$s" >"$WORK/flood-$mode.out" 2>&1 &
+      "$FLOOD_BIN" --port "$port" --mode "$mode" --rate "$FLOOD_RATE" --seconds "$s" >"$WORK/flood-$mode.out" 2>&1 &
       flooders+=($!)
     done
   fi

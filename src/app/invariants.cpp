@@ -26,7 +26,10 @@ std::string brokenInvariant(const Server& s) {
         if (room->started && room->open) return "started but open";
     }
     if (s.rooms.seats.size() != seated.size()) return "the seat index holds peers in no slot";
-    for (const ENetPeer* p : s.peers)
+    for (ENetPeer* p : s.peers) {
         if (p->data == nullptr) return "a registered peer has no address record";
+        if (s.budgets.count(p) == 0) return "a registered peer has no budget";
+    }
+    if (s.budgets.size() != s.peers.size()) return "a budget outlives its peer";
     return {};
 }
