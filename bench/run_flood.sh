@@ -91,6 +91,7 @@ run_one() {
     "$(jget relay_p50_ms "$line")" "$(jget relay_p99_ms "$line")" "$(jget relay_p999_ms "$line")" \
     "$(jget relays_lost "$line")" "$(jget server_peak_rss_kib "$line")" \
     "$(( (log1 - log0) * 60 / (SECONDS_PER_RUN + 3) ))"
+  printf '  reports written %s' "$(find "$WORK/root/server_data" -name '*.txt' -path '*feedback*' | wc -l)"
   if [ "$kind" = flood ]; then
     for mode in $ATTACKERS; do printf '  [%s]' "$(sed -n 's/^flood: //p' "$WORK/flood-$mode.out")"; done
   fi
