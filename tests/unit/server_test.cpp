@@ -84,6 +84,9 @@ TEST(Dispatch, BudgetsDropTheExcessWithALineAMinuteAndCutOffAPeerThatStaysOver) 
     h.server.limits.messages[0] = {1, 2};  // lobby: one a second, two at once
     h.server.limits.overbudgetDisconnectSeconds = 3;
     h.server.limits.malformedLinesPerPeer = 1;
+    auto& m = metrics();
+    const std::uint64_t drops = m.budgetDrops[0].load(), unknown = m.unknownDropped.load(),
+                        cutOffs = m.limitsFired[static_cast<std::size_t>(LimitFired::overbudgetDisconnect)].load();
     std::uint64_t now = 1'000'000;
     setSteadyClockForTests(now);
     h.connect(0);
@@ -118,6 +121,12 @@ TEST(Dispatch, BudgetsDropTheExcessWithALineAMinuteAndCutOffAPeerThatStaysOver) 
     h.receive(1, 6, words({9}));
     EXPECT_EQ(h.takeLogs(), std::vector<std::string>{error(
                                 "|||| Peer 10.0.0.2:5001: 3 more malformed or unknown messages, not logged one by one")});
+    EXPECT_EQ(m.budgetDrops[0].load() - drops, 12u);
+    EXPECT_EQ(m.unknownDropped.load() - unknown, 1u);
+    EXPECT_EQ(m.limitsFired[static_cast<std::size_t>(LimitFired::overbudgetDisconnect)].load() - cutOffs, 1u);
+    const std::string rendered = renderMetrics(0, 0);
+    EXPECT_NE(rendered.find("\nlockstep_budget_dropped_total{group=\"update\"} "), std::string::npos);
+    EXPECT_NE(rendered.find("\nlockstep_limit_fired_total{limit=\"resync_bytes_per_room\"} "), std::string::npos);
 }
 
 TEST(Dispatch, PartialMessagesOverTheTotalCutOffThePeerHoldingMost) {
