@@ -83,3 +83,17 @@ bool mayLogMalformed(PeerBudget& b, const Limits& limits, std::uint64_t now, std
     }
     return false;
 }
+
+std::string reportRefusalLine(PeerBudget& b, const std::string& limit, std::uint64_t now) {
+    if (b.reportRefusalLogged && now - b.lastReportRefusalLine < kMinute) {
+        ++b.reportRefusalsUnlogged;
+        return {};
+    }
+    std::string line = "not written: over " + limit;
+    if (b.reportRefusalsUnlogged != 0)
+        line += " (and " + std::to_string(b.reportRefusalsUnlogged) + " more since the last line)";
+    b.reportRefusalsUnlogged = 0;
+    b.reportRefusalLogged = true;
+    b.lastReportRefusalLine = now;
+    return line;
+}

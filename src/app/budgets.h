@@ -37,6 +37,11 @@ struct PeerBudget {
     std::uint64_t malformedLines = 0;
     std::uint64_t malformedUnlogged = 0;
     std::uint64_t lastMalformedLine = 0;
+    // Reports refused over a quota: the first is logged, then a line a
+    // minute with the count.
+    std::uint64_t reportRefusalsUnlogged = 0;
+    std::uint64_t lastReportRefusalLine = 0;
+    bool reportRefusalLogged = false;
 };
 
 enum class Verdict { admit, drop, disconnect };
@@ -50,6 +55,10 @@ Verdict charge(PeerBudget& budget, const Limits& limits, Group group, std::size_
 // Whether a malformed or unknown message may be logged in full; when not, a
 // line with the count of those not logged may come once a minute.
 bool mayLogMalformed(PeerBudget& budget, const Limits& limits, std::uint64_t nowMicros, std::string& summary);
+
+// The line for a report refused over a quota, when one is due: the first at
+// once, then one a minute with the count of those refused in between.
+std::string reportRefusalLine(PeerBudget& budget, const std::string& limit, std::uint64_t nowMicros);
 
 // The group a channel's messages are charged to.
 Group groupOfChannel(std::uint8_t channel);

@@ -116,7 +116,8 @@ bool withinReportQuota(const Incoming& in, bool feedback) {
         s.reportBytesToday += in.packet.size();
         return true;
     }
-    logError("|||| Report from " + peerAddressText(in.peer) + " not written: over " + over);
+    if (std::string line = reportRefusalLine(in.budget, over, in.now); !line.empty())
+        logError("|||| Report from " + peerAddressText(in.peer) + " " + line);
     refuseReport(s.storage, in.peer, feedback);
     return false;
 }

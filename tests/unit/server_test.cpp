@@ -149,6 +149,7 @@ TEST(Reports, OverAQuotaTheyAreAnsweredAsUnwrittenAndNothingIsWritten) {
     TempDataRoot root;
     setClockForTests(1764000000);
     Harness h;
+    setSteadyClockForTests(1'000'000);
     h.server.limits.reportsPerPeerPerHour = 2;
     h.connect(0);
     h.connect(1);
@@ -161,13 +162,22 @@ TEST(Reports, OverAQuotaTheyAreAnsweredAsUnwrittenAndNothingIsWritten) {
     EXPECT_EQ(h.takeLogs(), std::vector<std::string>{
                                 error("|||| Report from 10.0.0.1:5000 not written: over reports_per_peer_per_hour")});
     EXPECT_EQ(std::distance(std::filesystem::directory_iterator(root / "server_data/feedback"), {}), 2);
+    h.receive(0, kReportsChannel, report);  // refused again, within the minute: counted, not logged
+    EXPECT_TRUE(h.takeLogs().empty());
+    h.takeSent();
     // The day's bytes are shared by every peer, and a new day starts afresh.
     h.server.limits.reportsBytesPerDay = 2 * report.size();
     h.receive(1, kReportsChannel, encode(DeterminismTestReport{1, "p", "c", "d", "t"}));
     EXPECT_EQ(h.takeSent(), toEach({1}, kReportsChannel, encode(ReportReply{1, "Failed to write test texts"})));
+    EXPECT_EQ(h.takeLogs(), std::vector<std::string>{
+                                error("|||| Report from 10.0.0.2:5001 not written: over reports_bytes_per_day")});
     setClockForTests(1764000000 + 86400);
     h.receive(1, kReportsChannel, report);
     EXPECT_EQ(h.takeSent(), toEach({1}, kReportsChannel, written));
+    setSteadyClockForTests(62'000'000);
+    h.receive(0, kReportsChannel, report);
+    EXPECT_EQ(h.takeLogs(), std::vector<std::string>{error("|||| Report from 10.0.0.1:5000 not written: over "
+                                                           "reports_per_peer_per_hour (and 1 more since the last line)")});
 }
 
 TEST(Config, EveryLimitHasItsOwnNameUnitsAndIsDocumented) {
