@@ -82,8 +82,8 @@ public:
         peer_ = nullptr;
     }
 
-    // The client's own port, as the server sees it.
     bool connected() const { return peer_ != nullptr; }
+    // The client's own port, as the server sees it.
     std::uint16_t localPort() const { return host_->address.port; }
 
 private:
