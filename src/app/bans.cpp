@@ -3,14 +3,9 @@
 #include <algorithm>
 #include <cctype>
 
-namespace {
+#include "app/setting_lines.h"
 
-std::string trim(const std::string& s) {
-    std::size_t b = 0, e = s.size();
-    while (b < e && std::isspace(static_cast<unsigned char>(s[b]))) ++b;
-    while (e > b && std::isspace(static_cast<unsigned char>(s[e - 1]))) --e;
-    return s.substr(b, e - b);
-}
+namespace {
 
 Address16 masked(Address16 address, unsigned prefix) {
     for (unsigned i = 0; i < 16; ++i) {
@@ -49,15 +44,7 @@ bool parseEntry(const std::string& text, Address16& address, unsigned& prefix, s
 
 BanList parseBans(const std::string& text, const std::string& fileName, std::vector<std::string>& problems) {
     BanList bans;
-    std::size_t pos = 0;
-    for (unsigned lineNumber = 1; pos < text.size(); ++lineNumber) {
-        std::size_t end = text.find('\n', pos);
-        if (end == std::string::npos) end = text.size();
-        std::string line = text.substr(pos, end - pos);
-        pos = end + 1;
-        if (std::size_t hash = line.find('#'); hash != std::string::npos) line.resize(hash);
-        line = trim(line);
-        if (line.empty()) continue;
+    for (const auto& [lineNumber, line] : settingLines(text)) {
         Address16 address{};
         unsigned prefix = 0;
         std::string why;

@@ -16,12 +16,6 @@ namespace {
 constexpr std::uint64_t kMinuteMicros = 60'000'000;
 ConnectionGate* installed = nullptr;
 
-std::string addressText(std::uint32_t addressHost) {
-    const PeerInfo info = makePeerInfo(ENetAddress{addressHost, 0});
-    return std::to_string(info.octets[0]) + "." + std::to_string(info.octets[1]) + "." +
-           std::to_string(info.octets[2]) + "." + std::to_string(info.octets[3]);
-}
-
 AddressRecord* recordOf(ConnectionGate& gate, std::uint32_t addressHost, std::uint64_t now) {
     if (auto it = gate.addresses.find(addressHost); it != gate.addresses.end()) return &it->second;
     if (gate.addresses.size() >= kMaxTrackedAddresses) {
@@ -30,26 +24,12 @@ AddressRecord* recordOf(ConnectionGate& gate, std::uint32_t addressHost, std::ui
         if (now - gate.sweptMicros >= 1'000'000 || gate.sweptMicros == 0) {
             gate.sweptMicros = now;
             std::erase_if(gate.addresses, [now](const auto& e) {
-                return now - std::max(e.second.refilledMicros, e.second.loggedMicros) >= kMinuteMicros;
+                return now - std::max(e.second.connects.lastMicros, e.second.loggedMicros) >= kMinuteMicros;
             });
         }
         if (gate.addresses.size() >= kMaxTrackedAddresses) return nullptr;
     }
-    AddressRecord& r = gate.addresses[addressHost];
-    r.tokens = static_cast<double>(gate.connectsPerMinute);
-    r.refilledMicros = now;
-    return &r;
-}
-
-// A token bucket: connectsPerMinute tokens at most, refilled over a minute.
-bool takeConnectToken(const ConnectionGate& gate, AddressRecord& r, std::uint64_t now) {
-    const double burst = static_cast<double>(gate.connectsPerMinute);
-    r.tokens += static_cast<double>(now - r.refilledMicros) * burst / static_cast<double>(kMinuteMicros);
-    if (r.tokens > burst) r.tokens = burst;
-    r.refilledMicros = now;
-    if (r.tokens < 1) return false;
-    r.tokens -= 1;
-    return true;
+    return &gate.addresses[addressHost];
 }
 
 int intercept(ENetHost* host, ENetEvent*) {
@@ -98,7 +78,9 @@ Refusal admitConnect(ConnectionGate& gate, const ENetHost& host, const ENetAddre
             ++peers;
         }
         AddressRecord* r = gate.connectsPerMinute != 0 ? recordOf(gate, from.host, now) : nullptr;
-        if (r != nullptr && !takeConnectToken(gate, *r, now)) why = Refusal::connectRate;
+        // A bucket of connectsPerMinute tokens, refilled over a minute.
+        const double n = static_cast<double>(gate.connectsPerMinute);
+        if (r != nullptr && !take(r->connects, n / 60, n, 1, now)) why = Refusal::connectRate;
         else if (gate.maxPeersPerAddress != 0 && peers >= gate.maxPeersPerAddress) why = Refusal::peersPerAddress;
     }
     if (why != Refusal::none) noteRefusal(gate, from.host, why, now);
@@ -119,7 +101,7 @@ void noteRefusal(ConnectionGate& gate, std::uint32_t addressHost, Refusal why, s
     else if (why == Refusal::connectRate)
         reason = "more than " + std::to_string(gate.connectsPerMinute) +
                  " connects a minute (connects_per_address_per_minute)";
-    logMessage("Refused connect from " + addressText(addressHost) + ": " + reason);
+    logMessage("Refused connect from " + hostText(addressHost) + ": " + reason);
 }
 
 void installConnectionGate(ENetHost* host, ConnectionGate* gate) {

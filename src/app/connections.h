@@ -11,6 +11,7 @@
 #include <enet/enet.h>
 
 #include "app/bans.h"
+#include "app/budgets.h"
 
 // The connect ID of a datagram that ENet would take as a request for a new
 // connection (addressed to no peer, its first command a whole CONNECT);
@@ -21,8 +22,7 @@ std::optional<std::uint32_t> connectIdOf(const std::uint8_t* data, std::size_t s
 enum class Refusal : std::uint8_t { none, banned, peersPerAddress, connectRate };
 
 struct AddressRecord {
-    double tokens = 0;
-    std::uint64_t refilledMicros = 0;
+    Bucket connects;
     std::uint64_t loggedMicros = 0;
     bool logged = false;
 };

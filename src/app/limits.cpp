@@ -2,6 +2,8 @@
 
 #include <cctype>
 
+#include "app/setting_lines.h"
+
 namespace {
 
 struct Entry {
@@ -52,12 +54,6 @@ std::uint64_t& fieldOf(Limits& limits, const Entry& e) {
     return e.burst ? r.burst : r.perSecond;
 }
 
-std::string trim(const std::string& s) {
-    std::size_t b = 0, e = s.size();
-    while (b < e && std::isspace(static_cast<unsigned char>(s[b]))) ++b;
-    while (e > b && std::isspace(static_cast<unsigned char>(s[e - 1]))) --e;
-    return s.substr(b, e - b);
-}
 
 // Digits, then optionally KiB, MiB or GiB (blanks between allowed); false on
 // anything else or on a value that does not fit.
@@ -93,15 +89,7 @@ std::vector<std::string> limitNames() {
 Limits parseLimits(const std::string& text, const std::string& fileName, std::vector<std::string>& problems) {
     Limits limits;
     const std::vector<Entry> known = entries();
-    std::size_t pos = 0;
-    for (unsigned lineNumber = 1; pos < text.size(); ++lineNumber) {
-        std::size_t end = text.find('\n', pos);
-        if (end == std::string::npos) end = text.size();
-        std::string line = text.substr(pos, end - pos);
-        pos = end + 1;
-        if (std::size_t hash = line.find('#'); hash != std::string::npos) line.resize(hash);
-        line = trim(line);
-        if (line.empty()) continue;
+    for (const auto& [lineNumber, line] : settingLines(text)) {
         const std::string where = fileName + " line " + std::to_string(lineNumber) + ": ";
         std::size_t eq = line.find('=');
         if (eq == std::string::npos) {

@@ -1,7 +1,6 @@
 #include "app/peers.h"
 
-#include <cstdio>
-
+#include "app/setting_lines.h"
 #include "lobby/lobby.h"
 #include "log/log.h"
 #include "log/metrics.h"
@@ -66,10 +65,7 @@ void loadBans(Server& server) {
         return [&server, path, read, text = std::move(text)] {
             std::vector<std::string> problems;
             server.connections.bans = parseBans(read ? text : std::string(), path, problems);
-            for (const std::string& problem : problems) {
-                std::fprintf(stderr, "lockstep-server: %s\n", problem.c_str());
-                logError(problem);
-            }
+            reportProblems(problems);
             logMessage("Bans: " + std::to_string(server.connections.bans.entries) + " entries");
             cutOffBannedPeers(server);
         };

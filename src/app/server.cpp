@@ -4,6 +4,7 @@
 #include <cstdio>
 #include <cstdlib>
 
+#include "app/setting_lines.h"
 #include "log/log.h"
 #include "platform/clock.h"
 #include "platform/files.h"
@@ -108,10 +109,7 @@ void loadLimits(Server& server) {
             std::vector<std::string> problems;
             if (!read && named) problems.push_back(path + ": cannot be read; the default limits apply");
             server.limits = parseLimits(read ? text : std::string(), path, problems);
-            for (const std::string& problem : problems) {
-                std::fprintf(stderr, "lockstep-server: %s\n", problem.c_str());
-                logError(problem);
-            }
+            reportProblems(problems);
             applyLimits(server);
         };
     });

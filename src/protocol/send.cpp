@@ -195,10 +195,16 @@ PeerInfo makePeerInfo(const ENetAddress& address) {
     return info;
 }
 
-std::string peerAddressText(const PeerInfo& info) {
+namespace {
+std::string octetsText(const PeerInfo& info) {
     return std::to_string(info.octets[0]) + "." + std::to_string(info.octets[1]) + "." +
-           std::to_string(info.octets[2]) + "." + std::to_string(info.octets[3]) + ":" + std::to_string(info.port);
+           std::to_string(info.octets[2]) + "." + std::to_string(info.octets[3]);
 }
+}  // namespace
+
+std::string hostText(std::uint32_t addressHost) { return octetsText(makePeerInfo(ENetAddress{addressHost, 0})); }
+
+std::string peerAddressText(const PeerInfo& info) { return octetsText(info) + ":" + std::to_string(info.port); }
 
 std::string peerAddressText(const ENetPeer* peer) {
     const auto* info = static_cast<const PeerInfo*>(peer->data);

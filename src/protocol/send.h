@@ -93,6 +93,8 @@ PeerRef refOf(ENetPeer* peer);
 // The peer while it still holds that connection, else nullptr.
 ENetPeer* stillConnected(const PeerRef& ref);
 PeerInfo makePeerInfo(const ENetAddress& address);
+// "a.b.c.d" of an address in ENet's byte order.
+std::string hostText(std::uint32_t addressHost);
 // "a.b.c.d:port" of the peer's record, or of its address when it has none.
 std::string peerAddressText(const PeerInfo& info);
 std::string peerAddressText(const ENetPeer* peer);
