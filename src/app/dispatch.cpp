@@ -203,11 +203,13 @@ const Route* findRoute(std::uint8_t channel, std::uint32_t type) {
 }  // namespace
 
 void dispatchPacket(Server& server, ENetPeer* peer, std::uint8_t channel, ByteView packet) {
-    if (!isRegistered(server, peer)) {
+    // Every registered peer has a budget, so one look-up tells both.
+    const auto budget = server.budgets.find(peer);
+    if (budget == server.budgets.end()) {
         logError("|||| Packet from unknown peer " + peerAddressText(peer) + "! Ignoring!");
         return;
     }
-    const Incoming in{server, peer, channel, packet, server.budgets[peer], steadyMicros()};
+    const Incoming in{server, peer, channel, packet, budget->second, steadyMicros()};
     // Charged before anything is decoded, so a flood costs the least.
     std::string line;
     const Verdict verdict = charge(in.budget, server.limits, groupOfChannel(channel), packet.size(), in.now, line);
