@@ -1,6 +1,5 @@
 #include "app/service.h"
 
-#include <chrono>
 #include <cstdio>
 
 #include "app/dispatch.h"
@@ -41,29 +40,30 @@ const std::tm& localTimeThisSecond() {
     return local;
 }
 
+// True at most once per period of the loop's clock.
+bool due(std::uint64_t& last, std::uint64_t periodMicros) {
+    const std::uint64_t now = steadyMicros();
+    if (now - last < periodMicros) return false;
+    last = now;
+    return true;
+}
+
 // The room work walks every room, and the order-delay controller in it counts
 // its calls (a pass every 15th, a decision every 41st pass). Its pace was set
 // by a loop that sleeps at least 2 ms per step; the loop now wakes on every
 // packet, so the room work keeps that pace at most instead of running once per
 // wake-up: a busy server would otherwise decide delays many times a second
 // and walk every room for every packet.
+bool roomWorkDue() {
+    static std::uint64_t last = 0;
+    return due(last, kRoomWorkPeriodMs * 1000);
+}
+
 // Ten times a second is often enough to see partial messages pile up: a
 // peer adds at most the host's bandwidth in that time.
 bool waitingCheckDue() {
     static std::uint64_t last = 0;
-    const std::uint64_t now = steadyMicros();
-    if (now - last < 100'000) return false;
-    last = now;
-    return true;
-}
-
-bool roomWorkDue() {
-    using Clock = std::chrono::steady_clock;
-    static Clock::time_point last{};
-    Clock::time_point now = Clock::now();
-    if (now - last < std::chrono::milliseconds(kRoomWorkPeriodMs)) return false;
-    last = now;
-    return true;
+    return due(last, 100'000);
 }
 }  // namespace
 
