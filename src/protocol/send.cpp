@@ -127,17 +127,14 @@ SharedMessage::SharedMessage(ByteView bytes)
 
 SharedMessage::SharedMessage(SharedMessage&& other) noexcept : packet_(std::exchange(other.packet_, nullptr)) {}
 
+// The packet given up goes with the other message.
 SharedMessage& SharedMessage::operator=(SharedMessage&& other) noexcept {
-    if (this != &other) {
-        this->~SharedMessage();
-        packet_ = std::exchange(other.packet_, nullptr);
-    }
+    std::swap(packet_, other.packet_);
     return *this;
 }
 
 SharedMessage::~SharedMessage() {
     if (packet_ != nullptr && --packet_->referenceCount == 0) enet_packet_destroy(packet_);
-    packet_ = nullptr;
 }
 
 ByteView SharedMessage::bytes() const {
