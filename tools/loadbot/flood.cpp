@@ -11,8 +11,12 @@
 //          a second (default 20, above what the server lets one peer file).
 //
 // It acknowledges what it is sent, as a client would, so what it costs is
-// its traffic rather than a queue the server holds for it. Prints one line
-// with what it sent and whether the server cut it off.
+// its traffic rather than a queue the server holds for it. It hands ENet a
+// new message only while less than --in-flight bytes of its own wait to be
+// acknowledged: a client that queued a hundred 1 MiB reports a second
+// regardless would spend a core walking its own queue of fragments and
+// measure its own slowness, not the server's. Prints one line with what it
+// sent and whether the server cut it off.
 
 #include <chrono>
 #include <cstdio>
@@ -28,6 +32,11 @@ namespace {
 using namespace loadbot;
 using Clock = std::chrono::steady_clock;
 
+// Bytes handed to ENet and not yet acknowledged: ENet frees a reliable
+// packet once every fragment of it is.
+std::size_t bytesInFlight = 0;
+void acknowledged(ENetPacket* packet) { bytesInFlight -= packet->dataLength; }
+
 struct Flooder {
     ENetHost* host = nullptr;
     ENetPeer* peer = nullptr;
@@ -36,7 +45,10 @@ struct Flooder {
 
     void send(std::uint8_t channel, const Bytes& bytes) {
         if (peer == nullptr || cutOff) return;
-        enet_peer_send(peer, channel, enet_packet_create(bytes.data(), bytes.size(), ENET_PACKET_FLAG_RELIABLE));
+        ENetPacket* packet = enet_packet_create(bytes.data(), bytes.size(), ENET_PACKET_FLAG_RELIABLE);
+        packet->freeCallback = acknowledged;
+        bytesInFlight += bytes.size();
+        if (enet_peer_send(peer, channel, packet) != 0) enet_packet_destroy(packet);
     }
     // Services ENet for up to ms; returns the lobby messages seen.
     template <typename OnLobby>
@@ -101,6 +113,7 @@ int main(int argc, char** argv) {
     std::string mode;
     double rate = 0, seconds = 10;
     std::size_t reportBytes = 1024 * 1024;
+    std::size_t inFlight = 4 * 1024 * 1024;
     app.add_option("--port", port, "UDP port of the server on 127.0.0.1")->required();
     app.add_option("--mode", mode, "orders, lobby or reports")
         ->required()
@@ -108,6 +121,7 @@ int main(int argc, char** argv) {
     app.add_option("--rate", rate, "Messages a second (0: the mode's default)");
     app.add_option("--seconds", seconds, "How long to flood");
     app.add_option("--report-bytes", reportBytes, "Snapshot bytes of each report");
+    app.add_option("--in-flight", inFlight, "Bytes sent and not yet acknowledged before it waits");
     CLI11_PARSE(app, argc, argv);
     if (rate <= 0) rate = mode == "orders" ? 2000 : mode == "lobby" ? 20000 : 20;
 
@@ -131,10 +145,15 @@ int main(int argc, char** argv) {
     const Bytes report = mode == "reports" ? feedbackReport(reportBytes) : Bytes{};
     const auto start = Clock::now();
     const auto end = start + std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(seconds));
-    std::uint64_t sent = 0;
+    std::uint64_t sent = 0, skipped = 0;
     while (Clock::now() < end && !f.cutOff) {
         const double due = rate * std::chrono::duration<double>(Clock::now() - start).count();
-        for (; sent < due && !f.cutOff; ++sent) {
+        for (; sent + skipped < due && !f.cutOff; ++sent) {
+            // Late messages are skipped, not sent in a burst once ENet catches up.
+            if (bytesInFlight >= inFlight) {
+                skipped = static_cast<std::uint64_t>(due) - sent;
+                break;
+            }
             if (mode == "orders") f.send(kOrderChannel, stepDoneMessage(static_cast<std::uint32_t>(1 + sent / 100), 0));
             if (mode == "lobby") f.send(kLobbyChannel, lobbyRequest);
             if (mode == "reports") f.send(4, report);
@@ -142,8 +161,9 @@ int main(int argc, char** argv) {
         enet_host_flush(f.host);
         f.service(1, [](const LobbyMessage&) {});
     }
-    std::printf("flood: mode %s, %llu messages in %.1f s, %s\n", mode.c_str(), static_cast<unsigned long long>(sent),
-                std::chrono::duration<double>(Clock::now() - start).count(),
+    std::printf("flood: mode %s, %llu messages in %.1f s (%llu not sent: too many unacknowledged), %s\n", mode.c_str(),
+                static_cast<unsigned long long>(sent), std::chrono::duration<double>(Clock::now() - start).count(),
+                static_cast<unsigned long long>(skipped),
                 f.cutOff ? "cut off by the server" : "still connected");
     if (!f.cutOff) {
         enet_peer_disconnect(f.peer, 0);
