@@ -22,7 +22,15 @@ struct Incoming {
     ByteView packet;
     PeerBudget& budget;
     std::uint64_t now;
+    ENetPacket** received;  // may be null
 };
+
+// The packet's bytes for work that outlives the handler: ENet's packet
+// itself when the receiver lets it go, else a copy.
+KeptBytes keep(const Incoming& in) {
+    if (in.received != nullptr && *in.received != nullptr) return KeptBytes::take(*in.received);
+    return KeptBytes::copy(in.packet);
+}
 
 // Whether the peer may still have a refusal logged in full. Past its
 // allowance the refusals are only counted, with a line now and then.
@@ -122,10 +130,10 @@ bool withinReportQuota(const Incoming& in, bool feedback) {
     return false;
 }
 void onFeedbackReport(const Incoming& in, FeedbackReport&) {
-    if (withinReportQuota(in, true)) fileFeedbackReport(in.server.storage, in.peer, in.packet);
+    if (withinReportQuota(in, true)) fileFeedbackReport(in.server.storage, in.peer, keep(in));
 }
 void onDeterminismTestReport(const Incoming& in, DeterminismTestReport&) {
-    if (withinReportQuota(in, false)) fileDeterminismTestReport(in.server.storage, in.peer, in.packet);
+    if (withinReportQuota(in, false)) fileDeterminismTestReport(in.server.storage, in.peer, keep(in));
 }
 
 // ---- Event tracking and file update ----
@@ -202,14 +210,14 @@ const Route* findRoute(std::uint8_t channel, std::uint32_t type) {
 
 }  // namespace
 
-void dispatchPacket(Server& server, ENetPeer* peer, std::uint8_t channel, ByteView packet) {
+void dispatchPacket(Server& server, ENetPeer* peer, std::uint8_t channel, ByteView packet, ENetPacket** received) {
     // Every registered peer has a budget, so one look-up tells both.
     const auto budget = server.budgets.find(peer);
     if (budget == server.budgets.end()) {
         logError("|||| Packet from unknown peer " + peerAddressText(peer) + "! Ignoring!");
         return;
     }
-    const Incoming in{server, peer, channel, packet, budget->second, steadyMicros()};
+    const Incoming in{server, peer, channel, packet, budget->second, steadyMicros(), received};
     // Charged before anything is decoded, so a flood costs the least.
     std::string line;
     const Verdict verdict = charge(in.budget, server.limits, groupOfChannel(channel), packet.size(), in.now, line);

@@ -8,5 +8,9 @@
 
 #include "app/server.h"
 
-// One received packet from peer on channel; the packet stays the caller's.
-void dispatchPacket(Server& server, ENetPeer* peer, std::uint8_t channel, ByteView packet);
+// One received packet from peer on channel. When `received` is given (ENet's
+// packet holding those bytes), a handler whose work outlives it (a report
+// for the storage worker) may take the packet over instead of copying it,
+// leaving null there; whatever is left there stays the caller's to free.
+void dispatchPacket(Server& server, ENetPeer* peer, std::uint8_t channel, ByteView packet,
+                    ENetPacket** received = nullptr);

@@ -96,8 +96,8 @@ bool serviceStep(Server& server) {
                 server.bytesReceived += static_cast<std::uint32_t>(event.packet->dataLength);
                 countIn(event.channelID, event.packet->dataLength);
                 dispatchPacket(server, event.peer, event.channelID,
-                               ByteView(event.packet->data, event.packet->dataLength));
-                enet_packet_destroy(event.packet);
+                               ByteView(event.packet->data, event.packet->dataLength), &event.packet);
+                if (event.packet != nullptr) enet_packet_destroy(event.packet);
                 cutOffPeersOverLimit(server);
                 handled = true;
                 break;

@@ -141,6 +141,23 @@ ByteView SharedMessage::bytes() const {
     return packet_ != nullptr ? ByteView(packet_->data, packet_->dataLength) : ByteView();
 }
 
+KeptBytes KeptBytes::take(ENetPacket*& packet) {
+    KeptBytes kept;
+    kept.bytes_ = ByteView(packet->data, packet->dataLength);
+    kept.owner_ = std::shared_ptr<const void>(std::exchange(packet, nullptr), [](const void* p) {
+        enet_packet_destroy(static_cast<ENetPacket*>(const_cast<void*>(p)));
+    });
+    return kept;
+}
+
+KeptBytes KeptBytes::copy(ByteView bytes) {
+    auto owned = std::make_shared<const Bytes>(bytes.begin(), bytes.end());
+    KeptBytes kept;
+    kept.bytes_ = ByteView(*owned);
+    kept.owner_ = std::move(owned);
+    return kept;
+}
+
 void sendShared(ENetPeer* peer, std::uint8_t channel, const SharedMessage& message) {
     if (message.packet() == nullptr) return;
     const ByteView bytes = message.bytes();

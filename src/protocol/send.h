@@ -6,6 +6,7 @@
 #include <array>
 #include <cstdint>
 #include <functional>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -44,6 +45,25 @@ private:
     ENetPacket* packet_ = nullptr;
 };
 void sendShared(ENetPeer* peer, std::uint8_t channel, const SharedMessage& message);
+
+// The bytes of a received message kept past the event that brought them, for
+// work done later or elsewhere (a report written by the storage worker):
+// ENet's own packet when the receiver hands it over, so a large message is
+// never copied on the loop, and a copy otherwise. The last holder frees the
+// bytes, on whatever thread it runs.
+class KeptBytes {
+public:
+    KeptBytes() = default;
+    // Takes the packet over: `packet` is left null, and is freed with the
+    // last holder instead of by the receiver.
+    static KeptBytes take(ENetPacket*& packet);
+    static KeptBytes copy(ByteView bytes);
+    ByteView bytes() const { return bytes_; }
+
+private:
+    std::shared_ptr<const void> owner_;
+    ByteView bytes_;
+};
 
 // The same bytes to several peers: one reference-counted ENet packet.
 void sendBytesToMany(ENetPeer* const* peers, std::size_t count, std::uint8_t channel, ByteView bytes);

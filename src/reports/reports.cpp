@@ -134,28 +134,29 @@ namespace {
 // The report travels to the worker as the packet's bytes (the record views
 // them) and is read there again; the reply comes back to the same connection.
 template <typename M>
-void fileReport(Storage& storage, ENetPeer* peer, ByteView packet, const char* directory,
+void fileReport(Storage& storage, ENetPeer* peer, KeptBytes packet, const char* directory,
                 std::string (*write)(const std::string&, const M&)) {
     // Named by the second the report arrived in, not the one it was written in.
     std::string stem = reportStem(directory);
     PeerRef to = refOf(peer);
-    auto job = [bytes = Bytes(packet.begin(), packet.end()), stem = std::move(stem), to, write]() -> Storage::Completion {
-        std::string text = write(stem, *decode<M>(bytes));
+    const std::size_t size = packet.bytes().size();
+    auto job = [packet = std::move(packet), stem = std::move(stem), to, write]() -> Storage::Completion {
+        std::string text = write(stem, *decode<M>(packet.bytes()));
         return [to, text = std::move(text)] {
             if (ENetPeer* peer = stillConnected(to)) sendBytes(peer, kReportsChannel, encode(ReportReply{1, text}));
         };
     };
-    storage.submit(std::move(job), packet.size());
+    storage.submit(std::move(job), size);
 }
 
 }  // namespace
 
-void fileFeedbackReport(Storage& storage, ENetPeer* peer, ByteView packet) {
-    fileReport<FeedbackReport>(storage, peer, packet, "server_data/feedback/", writeFeedbackReport);
+void fileFeedbackReport(Storage& storage, ENetPeer* peer, KeptBytes packet) {
+    fileReport<FeedbackReport>(storage, peer, std::move(packet), "server_data/feedback/", writeFeedbackReport);
 }
 
-void fileDeterminismTestReport(Storage& storage, ENetPeer* peer, ByteView packet) {
-    fileReport<DeterminismTestReport>(storage, peer, packet, "server_data/test_determinism/",
+void fileDeterminismTestReport(Storage& storage, ENetPeer* peer, KeptBytes packet) {
+    fileReport<DeterminismTestReport>(storage, peer, std::move(packet), "server_data/test_determinism/",
                                       writeDeterminismTestReport);
 }
 

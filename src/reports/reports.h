@@ -10,6 +10,7 @@
 
 #include "platform/storage.h"
 #include "protocol/messages.h"
+#include "protocol/send.h"
 
 // The base name (without suffix) under which a report with these file
 // suffixes is filed: stem when none of stem + suffix exists, else the first
@@ -24,8 +25,8 @@ std::string writeDeterminismTestReport(const std::string& stem, const Determinis
 // packet is a report that decodes; it is filed under server_data/feedback/
 // (or server_data/test_determinism/) by the storage worker, and the peer, if
 // still connected, gets the one ReportReply.
-void fileFeedbackReport(Storage& storage, ENetPeer* peer, ByteView packet);
-void fileDeterminismTestReport(Storage& storage, ENetPeer* peer, ByteView packet);
+void fileFeedbackReport(Storage& storage, ENetPeer* peer, KeptBytes packet);
+void fileDeterminismTestReport(Storage& storage, ENetPeer* peer, KeptBytes packet);
 // The reply of a report that could not be written, for one that is not
 // written at all; it keeps its place among the peer's other replies.
 void refuseReport(Storage& storage, ENetPeer* peer, bool feedback);
