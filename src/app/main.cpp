@@ -119,6 +119,7 @@ bool enterDataRoot(const std::string& dir) {
 
 int main(int argc, char** argv) {
     installStopSignals();
+    keepLargeBlocksInHeap();
     // Before anything opens a file, so none of them is refused for want of
     // a descriptor the hard limit allows.
     if (!raiseOpenFileLimit())

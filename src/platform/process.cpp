@@ -3,6 +3,7 @@
 #include <cstdio>
 #include <cstring>
 #include <dirent.h>
+#include <malloc.h>
 #include <string>
 #include <sys/resource.h>
 #include <unistd.h>
@@ -64,4 +65,12 @@ bool raiseOpenFileLimit() {
     if (limit.rlim_cur == limit.rlim_max) return true;
     limit.rlim_cur = limit.rlim_max;
     return setrlimit(RLIMIT_NOFILE, &limit) == 0;
+}
+
+void keepLargeBlocksInHeap() {
+    // Blocks up to 32 MiB (the largest message) from the heap; up to 64 MiB
+    // freed at its top kept rather than given back. Setting either fixes
+    // both, instead of the allocator's own guesses that move with the load.
+    mallopt(M_MMAP_THRESHOLD, 32 * 1024 * 1024);
+    mallopt(M_TRIM_THRESHOLD, 64 * 1024 * 1024);
 }

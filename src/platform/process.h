@@ -22,3 +22,12 @@ bool readProcessFigures(ProcessFigures& figures);
 // are equal, as under the shipped service unit (LimitNOFILE= sets both).
 // False when the limit could not be raised.
 bool raiseOpenFileLimit();
+
+// Large blocks (a received report, an update file being read) come from the
+// heap and stay there when freed, up to a bound, instead of being mapped
+// and unmapped for each one: every fresh mapping is faulted in page by page
+// on the thread that fills it, and every unmapping interrupts the other
+// threads' processors, which the loop pays for in relay latency when reports
+// of a MiB arrive many times a second. Costs at most the bound in memory
+// kept after a burst.
+void keepLargeBlocksInHeap();
