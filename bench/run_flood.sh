@@ -8,15 +8,19 @@
 #   - a client that floods room-list requests,
 #   - a client that sends 1 MiB feedback reports as fast as it may.
 # Runs alternate quiet / flood, REPEAT times. Per run: relay p50/p99/p99.9,
-# lost relays, the server's peak RSS, and the log's growth per minute.
+# lost relays, the server's CPU (% of a core), how busy the whole machine
+# was and its steal time (both %), the server's peak RSS, and the log's
+# growth per minute.
 #
 #   bench/run_flood.sh [--build DIR] [--rooms 127] [--seconds 10] [--repeat 3]
 #                      [--attackers "orders lobby reports"] [--flood-rate R]
-#                      [--limits "name = value; name = value"]
+#                      [--limits "name = value; name = value"] [--json FILE]
 #
 # --flood-rate sets every flooder's rate (0: each mode's default); --limits
 # adds lines to the server's limits file, e.g. to let a report flood through
-# and measure what writing it costs.
+# and measure what writing it costs. --json appends every run's loadbot line
+# to FILE. A run whose loadbot reports errors (relays lost) still prints its
+# line.
 
 set -euo pipefail
 
@@ -27,6 +31,7 @@ REPEAT=3
 ATTACKERS="orders lobby reports"
 FLOOD_RATE=0
 EXTRA_LIMITS=""
+JSON_OUT=""
 while [ $# -gt 0 ]; do
   case "$1" in
     --build) BUILD=$2; shift 2 ;;
@@ -36,6 +41,7 @@ while [ $# -gt 0 ]; do
     --attackers) ATTACKERS=$2; shift 2 ;;
     --flood-rate) FLOOD_RATE=$2; shift 2 ;;
     --limits) EXTRA_LIMITS=$2; shift 2 ;;
+    --json) JSON_OUT=$2; shift 2 ;;
     -h|--help) awk 'NR > 1 && /^#/ { sub(/^# ?/, ""); print; next } NR > 1 { exit }' "$0"; exit 0 ;;
     *) echo "run_flood.sh: unknown option $1" >&2; exit 2 ;;
   esac
@@ -82,14 +88,16 @@ run_one() {
   fi
   local line
   line=$("$LOADBOT_BIN" --rooms "$ROOMS" --players 8 --rate 20 --seconds "$SECONDS_PER_RUN" --port "$port" \
-           --server-pid "$SERVER_PID" --label "$kind" -q)
+           --server-pid "$SERVER_PID" --label "$kind" -q || true)
+  [ -z "$JSON_OUT" ] || echo "$line" >>"$JSON_OUT"
   for pid in "${flooders[@]}"; do wait "$pid" || true; done
   local log1
   log1=$(stat -c %s "$WORK/root/server.log")
   kill -INT "$SERVER_PID"; wait "$SERVER_PID" 2>/dev/null || true; SERVER_PID=""
-  printf '%-6s p50 %6s  p99 %7s  p99.9 %7s  lost %s  peak RSS %6s KiB  log +%s bytes/min' "$kind" \
+  printf '%-6s p50 %6s  p99 %7s  p99.9 %7s  lost %s  server CPU %6s %%  machine busy %6s %%  steal %5s %%  peak RSS %6s KiB  log +%s bytes/min' "$kind" \
     "$(jget relay_p50_ms "$line")" "$(jget relay_p99_ms "$line")" "$(jget relay_p999_ms "$line")" \
-    "$(jget relays_lost "$line")" "$(jget server_peak_rss_kib "$line")" \
+    "$(jget relays_lost "$line")" "$(jget server_cpu_pct "$line")" "$(jget machine_busy_pct "$line")" \
+    "$(jget steal_pct "$line")" "$(jget server_peak_rss_kib "$line")" \
     "$(( (log1 - log0) * 60 / (SECONDS_PER_RUN + 3) ))"
   printf '  reports written %s' "$(find "$WORK/root/server_data" -name '*.txt' -path '*feedback*' | wc -l)"
   if [ "$kind" = flood ]; then
