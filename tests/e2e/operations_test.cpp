@@ -38,8 +38,10 @@ TEST(Binary, LogFromStartToStopConnectionsTextAndASecondServerOnThePort) {
     const std::string ap = std::to_string(a.localPort()), bp = std::to_string(b.localPort());
     EXPECT_NE(server.log().find(": A new client connected from 127.0.0.1:" + ap + "\n: 1 peers now\n: A new client "
                                 "connected from 127.0.0.1:" + bp + "\n: 2 peers now\n"),
-              std::string::npos);
-    EXPECT_NE(server.log().find(": Disconnected 127.0.0.1:" + ap + "\n: 1 peers now\n"), std::string::npos);
+              std::string::npos)
+        << server.log();
+    EXPECT_NE(server.log().find(": Disconnected 127.0.0.1:" + ap + "\n: 1 peers now\n"), std::string::npos)
+        << server.log();
 
     // Started one directory below a data root, a server takes "../" for it,
     // reads the port there and, finding it taken, exits with status 1.
