@@ -41,12 +41,18 @@ $(DATA_ROOT)/settings/server.config:
 	mkdir -p $(DATA_ROOT)/settings
 	cp packaging/example/settings/server.config $@
 
+# Every line of it is a comment showing a default, so it changes nothing
+# until an operator edits it.
+$(DATA_ROOT)/settings/limits.conf:
+	mkdir -p $(DATA_ROOT)/settings
+	cp packaging/example/settings/limits.conf $@
+
 # Only the server: the tests, tools and fuzzers are built by `make test`.
 build-server: deps
 	cmake -S . -B $(BUILD_DIR) -DCMAKE_BUILD_TYPE=RelWithDebInfo
 	cmake --build $(BUILD_DIR) -j $(JOBS) --target lockstep-server
 
-run: build-server $(DATA_ROOT)/server_data $(DATA_ROOT)/settings/server.config
+run: build-server $(DATA_ROOT)/server_data $(DATA_ROOT)/settings/server.config $(DATA_ROOT)/settings/limits.conf
 	@echo "lockstep-server: the port is the first line of $(DATA_ROOT)/settings/server.config; stop with Ctrl+C"
 	cd $(DATA_ROOT) && exec ../$(BUILD_DIR)/lockstep-server
 

@@ -8,7 +8,8 @@ trap 'kill "$pid" 2>/dev/null || true; rm -rf "$work"' EXIT
 pid=""
 
 DESTDIR="$work/dest" cmake --install "$build" --prefix /usr >/dev/null
-expected="etc/lockstep-server/server.config
+expected="etc/lockstep-server/limits.conf
+etc/lockstep-server/server.config
 usr/bin/lockstep-server
 usr/lib/systemd/system/lockstep-server@.service
 usr/share/doc/lockstep-server/README.md
@@ -18,6 +19,7 @@ usr/share/doc/lockstep-server/operations.md
 usr/share/lockstep-server/example/README.txt
 usr/share/lockstep-server/example/server_data/announcements/
 usr/share/lockstep-server/example/server_data/update_data/
+usr/share/lockstep-server/example/settings/limits.conf
 usr/share/lockstep-server/example/settings/server.config"
 for f in $expected; do
   [ -e "$work/dest/$f" ] || { echo "missing from the install: $f"; exit 1; }
@@ -38,6 +40,7 @@ done
 # binary stripped.
 dpkg-deb -f "$deb" Depends | grep -q 'libc6 (>= '
 dpkg-deb --ctrl-tarfile "$deb" | tar -xO ./conffiles | grep -qx /etc/lockstep-server/server.config
+dpkg-deb --ctrl-tarfile "$deb" | tar -xO ./conffiles | grep -qx /etc/lockstep-server/limits.conf
 dpkg-deb --fsys-tarfile "$deb" | tar -xO ./usr/bin/lockstep-server >"$work/packaged"
 ! readelf -S "$work/packaged" | grep -q '\.debug_info' || { echo "packaged binary not stripped"; exit 1; }
 
@@ -62,4 +65,5 @@ plan="$(make -n -C "$(dirname "$0")/../.." run BUILD_DIR="$work/b" DATA_ROOT="$w
 grep -q -- "--build $work/b -j [0-9]* --target lockstep-server$" <<<"$plan" || { echo "make run: target"; exit 1; }
 ! grep -q -- "--build $work/b -j [0-9]*$" <<<"$plan" || { echo "make run builds everything"; exit 1; }
 grep -q "^cp packaging/example/settings/server.config $work/var/settings/server.config$" <<<"$plan"
+grep -q "^cp packaging/example/settings/limits.conf $work/var/settings/limits.conf$" <<<"$plan"
 echo "install test: 1 passed, 0 failed"

@@ -180,6 +180,26 @@ TEST(Reports, OverAQuotaTheyAreAnsweredAsUnwrittenAndNothingIsWritten) {
                                                            "reports_per_peer_per_hour (and 1 more since the last line)")});
 }
 
+// The shipped example shows every limit with its default, commented out:
+// with the "# " taken away it parses to exactly the defaults.
+TEST(Config, TheExampleLimitsFileShowsEveryDefault) {
+    const std::string example =
+        readWholeFile(std::filesystem::path(LOCKSTEP_SOURCE_DIR) / "packaging/example/settings/limits.conf");
+    std::vector<std::string> problems;
+    EXPECT_EQ(parseLimits(example, "example", problems), Limits{});
+    EXPECT_TRUE(problems.empty());
+    std::string uncommented;
+    std::size_t shown = 0;
+    for (const std::string& line : splitLines(example)) {
+        const bool setting = line.rfind("# ", 0) == 0 && line.find(" = ") != std::string::npos;
+        uncommented += (setting ? line.substr(2) : line) + "\n";
+        shown += setting;
+    }
+    EXPECT_EQ(parseLimits(uncommented, "example", problems), Limits{});
+    EXPECT_EQ(problems, std::vector<std::string>{});
+    EXPECT_EQ(shown, limitNames().size());
+}
+
 TEST(Config, EveryLimitHasItsOwnNameUnitsAndIsDocumented) {
     const std::string docs = readWholeFile(std::filesystem::path(LOCKSTEP_SOURCE_DIR) / "docs/operations.md");
     std::vector<std::string> problems;
