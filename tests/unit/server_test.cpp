@@ -386,6 +386,18 @@ TEST(Files, WholeFilesOnlyAndSameSecondReportsGetSuffixes) {
     std::ofstream(stem + "_1.txt") << "x";
     std::filesystem::create_directories(stem + "_2.txt");  // a directory does not take the name
     EXPECT_EQ(chooseReportBase(stem, {".txt", ".jpg"}), stem + "_2");
+
+    // Every piece of a snapshot bundle keeps its base: a leftover .world
+    // alone moves the whole report on, and is not overwritten.
+    const std::string other = (root / "r/456").string();
+    std::ofstream(other + ".world") << "old";
+    const Bytes bundle = encodeSnapshotBundle(Bytes{1}, Bytes{2}, Bytes{}, Bytes{});
+    FeedbackReport report;
+    report.snapshot = ByteView(bundle);
+    EXPECT_EQ(writeFeedbackReport(other, report), "Feedback received succesfully! Thank you!");
+    EXPECT_EQ(readWholeFile(other + ".world"), "old");
+    EXPECT_EQ(readWholeFile(other + "_1.world"), "\x02");
+    EXPECT_FALSE(std::filesystem::exists(other + ".txt"));
 }
 
 TEST(Update, FileNamesThatCouldLeaveTheDirectoryAndTheManifestVersion) {
