@@ -66,7 +66,8 @@ void loadBans(Server& server) {
             std::vector<std::string> problems;
             server.connections.bans = parseBans(read ? text : std::string(), path, problems);
             reportProblems(problems);
-            logMessage("Bans: " + std::to_string(server.connections.bans.entries) + " entries");
+            // Without a ban list the log stays as it always was.
+            if (read) logMessage("Bans: " + std::to_string(server.connections.bans.entries) + " entries");
             cutOffBannedPeers(server);
         };
     });
