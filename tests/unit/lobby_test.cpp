@@ -160,6 +160,7 @@ TEST(Lobby, StartRefusedThenStartedConfirmedAndRunning) {
     Room& room = h.roomOfReady(3);
     h.lobby(2, setupOf(2, 0, "P2"));
     h.lobby(0, GameSettings{1, 0, "M", 2});
+    h.lobby(0, setupOf(6, 0, "bot"));  // no connection: not refreshed below
     h.takeSent();
     h.lobby(1, StartGame{});
     EXPECT_TRUE(h.takeSent().empty());

@@ -129,6 +129,24 @@ TEST(Dispatch, BudgetsDropTheExcessWithALineAMinuteAndCutOffAPeerThatStaysOver) 
     EXPECT_NE(rendered.find("\nlockstep_limit_fired_total{limit=\"resync_bytes_per_room\"} "), std::string::npos);
 }
 
+// A histogram's last bucket takes what is beyond every bound and equals its
+// count, as scrapers expect; the process's own figures are there too.
+TEST(Metrics, HistogramsEndInTheInfiniteBucketAndTheProcessFiguresAreThere) {
+    auto value = [](const std::string& text, const std::string& key) {
+        const std::size_t at = text.find("\n" + key + " ");
+        return at == std::string::npos ? -1.0 : std::stod(text.substr(at + key.size() + 2));
+    };
+    const std::string inf = "lockstep_step_completion_seconds_bucket{le=\"+Inf\"}";
+    const std::string count = "lockstep_step_completion_seconds_count";
+    const std::string before = renderMetrics(0, 0);
+    observeStepCompletion(1e6);
+    const std::string after = renderMetrics(0, 0);
+    EXPECT_EQ(value(after, inf) - value(before, inf), 1.0);
+    EXPECT_EQ(value(after, count), value(after, inf));
+    for (const char* name : {"process_open_fds", "process_max_fds", "process_resident_memory_bytes"})
+        EXPECT_GT(value(after, name), 0.0) << name;
+}
+
 TEST(Dispatch, PartialMessagesOverTheTotalCutOffThePeerHoldingMost) {
     Harness h;
     h.server.limits.maxWaitingBytesTotal = 400;
