@@ -37,15 +37,11 @@ build: deps
 $(DATA_ROOT)/server_data:
 	mkdir -p $(DATA_ROOT)/server_data/update_data $(DATA_ROOT)/server_data/announcements
 
-$(DATA_ROOT)/settings/server.config:
+# The example configuration and limits (the limits file is all comments
+# showing the defaults, so it changes nothing until edited).
+$(DATA_ROOT)/settings/%:
 	mkdir -p $(DATA_ROOT)/settings
-	cp packaging/example/settings/server.config $@
-
-# Every line of it is a comment showing a default, so it changes nothing
-# until an operator edits it.
-$(DATA_ROOT)/settings/limits.conf:
-	mkdir -p $(DATA_ROOT)/settings
-	cp packaging/example/settings/limits.conf $@
+	cp packaging/example/settings/$* $@
 
 # Only the server: the tests, tools and fuzzers are built by `make test`.
 build-server: deps
