@@ -137,10 +137,15 @@ void onDeterminismTestReport(const Incoming& in, DeterminismTestReport&) {
 }
 
 // ---- Event tracking and file update ----
+// Every event a client causes, its own or the server's record of its
+// request, passes the same bound on the events held.
+bool admitClientEvent(Server& s) {
+    auto today = [] { return periodicDumpName(localNow()); };
+    return admitEvent(s.eventSpill, s.events, s.storage, today, unixNow());
+}
 void onTrackEvent(const Incoming& in, TrackEvent& m) {
     Server& s = in.server;
-    auto today = [] { return periodicDumpName(localNow()); };
-    if (admitEvent(s.eventSpill, s.events, s.storage, today, unixNow()))
+    if (admitClientEvent(s))
         recordEvent(s.events, m.eventType, std::move(m.playerName), in.peer->address.host, std::move(m.dataset),
                     m.datasetChecksum, std::move(m.additionalEventData), now32());
     if (m.eventType == kUpdateCheckEvent) {
@@ -149,7 +154,7 @@ void onTrackEvent(const Incoming& in, TrackEvent& m) {
     }
 }
 void onManifestRequest(const Incoming& in, ManifestRequest&) {
-    recordEvent(in.server.events, 3, "__SERVER__", 0, "", 0, "", now32());
+    if (admitClientEvent(in.server)) recordEvent(in.server.events, 3, "__SERVER__", 0, "", 0, "", now32());
     sendFile(in.server.storage, in.server.downloads, in.peer, kManifestName);
 }
 void onFileRequest(const Incoming& in, FileRequest& m) {

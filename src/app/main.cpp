@@ -172,7 +172,15 @@ int main(int argc, char** argv) {
     auto server = std::make_unique<Server>();
     server->limitsFile = limitsFile;
     server->limitsFileNamed = options.limitsFile.has_value();
-    startServer(*server);
+    if (!startServer(*server)) {
+        // Every thread is stopped and joined before the process ends, so
+        // the exit status is the 1 of a failed start, not an abort.
+        server.reset();
+        enet_deinitialize();
+        stopLog();
+        stopMetricsEndpoint();
+        return 1;
+    }
     loadLimits(*server);
     loadBans(*server);
     server->storage.onFull = [last = std::int64_t{-60}]() mutable {

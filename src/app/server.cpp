@@ -66,7 +66,7 @@ ServerConfig readServerConfig() {
     return parseServerConfig(text);
 }
 
-void startServer(Server& server) {
+bool startServer(Server& server) {
     resetStatistics(server.statistics);
     logMessage("Server protocol version: " + std::to_string(kProtocolVersion));
     server.eventDumpArmed = true;
@@ -83,9 +83,7 @@ void startServer(Server& server) {
     server.host = enet_host_create(&address, kMaxPeers, kChannelCount, 0, 0);
     if (server.host == nullptr) {
         logError("|||| An error occurred while trying to create an ENet server host.\n");
-        // Let the reason reach the log before the process ends.
-        stopLog();
-        std::exit(1);
+        return false;
     }
     // A packet, once reassembled, is at most the largest message: 32 MiB
     // carries the largest update file and report that the protocol can
@@ -95,9 +93,10 @@ void startServer(Server& server) {
     installConnectionGate(server.host, &server.connections);
     logMessage("Enet server created at " + std::to_string(server.host->address.host) + ":" +
                std::to_string(server.host->address.port));
-    if (std::size_t n = removeLeftoverTemporaries(dataRootPrefix() + "server_data"))
+    if (std::size_t n = removeLeftoverTemporaries(dataRootPrefix() + "server_data", {"update_data", "announcements"}))
         logMessage("Removed " + std::to_string(n) + " temporary files left by an earlier run");
     recordEvent(server.events, 2, "__SERVER__", 0, "", 0, "", static_cast<std::uint32_t>(unixNow()));
+    return true;
 }
 
 void loadLimits(Server& server) {

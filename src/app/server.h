@@ -72,9 +72,10 @@ ServerConfig parseServerConfig(const std::string& text);
 // be opened.
 ServerConfig readServerConfig();
 
-// Construction: logs, reads the configuration, opens the host (the process
-// ends with status 1 when it cannot) and records the start event.
-void startServer(Server& server);
+// Construction: logs, reads the configuration, opens the host and records the
+// start event. False when the host cannot be opened (logged): the caller
+// stops its threads and ends with status 1.
+bool startServer(Server& server);
 // Reads the limits file (by the storage worker once it runs) and applies
 // it; each problem goes to stderr and the log.
 void loadLimits(Server& server);

@@ -18,6 +18,10 @@ void createRoom(RoomRegistry& rooms, ENetPeer* peer, const CreateRoom& request) 
     // A room is created only from outside all rooms.
     if (roomOf(rooms, peer) != nullptr) return;
 
+    // IDs are handed out in order; once the counter has wrapped round, the
+    // IDs of rooms still alive (and 0, which names no room) are passed over,
+    // so an ID always names one room.
+    while (rooms.nextRoomId == 0 || rooms.byId.count(rooms.nextRoomId) != 0) rooms.nextRoomId += 1;
     auto room = std::make_unique<Room>();
     room->id = rooms.nextRoomId;
     room->name = request.name.empty() ? "Room # " + std::to_string(rooms.nextRoomId) : request.name;

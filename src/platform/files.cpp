@@ -1,5 +1,6 @@
 #include "platform/files.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 #include <fcntl.h>
@@ -131,11 +132,15 @@ bool appendToFile(const std::string& path, std::string_view text) {
     return ::close(fd) == 0 && ok;
 }
 
-std::size_t removeLeftoverTemporaries(const std::string& directory) {
+std::size_t removeLeftoverTemporaries(const std::string& directory, const std::vector<std::string>& skip) {
     std::size_t removed = 0;
     std::error_code ec;
     for (fs::recursive_directory_iterator it(directory, ec), end; !ec && it != end; it.increment(ec)) {
         const std::string name = it->path().filename().string();
+        if (it.depth() == 0 && it->is_directory(ec) && std::find(skip.begin(), skip.end(), name) != skip.end()) {
+            it.disable_recursion_pending();
+            continue;
+        }
         const auto mark = name.rfind(".tmp");
         // Exactly the names FileWriter makes: ".tmp" and six characters of mkstemp's.
         if (mark == std::string::npos || mark + 10 != name.size() || !it->is_regular_file(ec)) continue;

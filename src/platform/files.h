@@ -4,6 +4,7 @@
 
 #include <cstdio>
 #include <string>
+#include <vector>
 #include <string_view>
 
 // "./" or "../": the directory that holds server_data.
@@ -56,5 +57,6 @@ private:
 bool appendToFile(const std::string& path, std::string_view text);
 
 // Removes, under directory, the temporary files of FileWriters that a crash
-// left behind; returns how many.
-std::size_t removeLeftoverTemporaries(const std::string& directory);
+// left behind; returns how many. The subdirectories named in skip (the
+// operator's own files, which the server never writes) are not entered.
+std::size_t removeLeftoverTemporaries(const std::string& directory, const std::vector<std::string>& skip = {});

@@ -59,6 +59,12 @@ TEST(Binary, LogFromStartToStopConnectionsTextAndASecondServerOnThePort) {
     EXPECT_NE(second.log().find(": #### ERROR \n|||| An error occurred while trying to create an ENet server "
                                 "host.\n\n####\n"),
               std::string::npos);
+    // The same failure with the metrics endpoint's thread running: still
+    // status 1, the thread stopped rather than the process aborted.
+    ServerProcess third(ServerOptions{.port = server.port(),
+                                      .arguments = {"--metrics", "127.0.0.1:" + std::to_string(freePort(true))}});
+    third.launch();
+    EXPECT_EQ(third.wait(5000), 1) << third.consoleErrors();
 
     EXPECT_EQ(server.stop(SIGINT), 0);
     auto log = splitLines(withoutTimedDumps(server.log()));

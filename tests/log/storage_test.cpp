@@ -5,9 +5,14 @@
 
 #include <csignal>
 #include <fstream>
+#include <atomic>
+#include <chrono>
 #include <future>
+#include <thread>
 #include <sys/resource.h>
 
+#include "app/server.h"
+#include "app/service.h"
 #include "platform/files.h"
 #include "platform/storage.h"
 #include "support/harness.h"
@@ -63,6 +68,15 @@ TEST(Storage, AFileThatCannotBeWrittenWholeLeavesNothingBehind) {
     std::ofstream(path + ".tmp") << "a name of a client's";
     EXPECT_EQ(removeLeftoverTemporaries((root / "d").string()), 1u);
     EXPECT_EQ(std::distance(std::filesystem::directory_iterator(root / "d"), {}), 2);
+
+    // The operator's files of the same shape, in a directory left alone.
+    std::filesystem::create_directories(root / "d/update_data/deep");
+    std::ofstream(root / "d/update_data/patch.tmpAb12Z9") << "an update file";
+    std::ofstream(root / "d/update_data/deep/patch.tmpAb12Z9") << "another";
+    std::ofstream(root / "d/x.tmpQw12Z9") << "half";
+    EXPECT_EQ(removeLeftoverTemporaries((root / "d").string(), {"update_data"}), 1u);
+    EXPECT_TRUE(std::filesystem::exists(root / "d/update_data/patch.tmpAb12Z9"));
+    EXPECT_TRUE(std::filesystem::exists(root / "d/update_data/deep/patch.tmpAb12Z9"));
 }
 
 TEST(Storage, UpdateFilesRemovedTooLargeOrOutsideTheDirectoryGoOutEmpty) {
@@ -87,4 +101,25 @@ TEST(Storage, UpdateFilesRemovedTooLargeOrOutsideTheDirectoryGoOutEmpty) {
     std::filesystem::resize_file(dir / "big", kMaxPacketSize);  // sparse: nothing is read
     EXPECT_EQ(readFileData("big", problem), encode(FileData{1, "big", {}}));
     EXPECT_EQ(problem, "|||| Update file \"big\" is too large to send: 33554432 bytes");
+}
+
+TEST(Service, ACompletionFromTheWorkerIsNoNetworkActivity) {
+    ASSERT_EQ(enet_initialize(), 0);
+    Server server;
+    ENetAddress address{};
+    enet_address_set_host(&address, "127.0.0.1");
+    server.host = enet_host_create(&address, 4, kChannelCount, 0, 0);
+    ASSERT_NE(server.host, nullptr);
+    server.storage.start();
+    std::atomic<bool> ran{false};
+    server.storage.submit([&ran]() -> Storage::Completion { return [&ran] { ran = true; }; });
+    for (int turn = 0; !ran && turn < 100000; ++turn) {
+        EXPECT_FALSE(serviceStep(server));
+        std::this_thread::sleep_for(std::chrono::microseconds(100));
+    }
+    EXPECT_TRUE(ran);
+    server.storage.stop();
+    enet_host_destroy(server.host);
+    server.host = nullptr;
+    enet_deinitialize();
 }

@@ -228,3 +228,17 @@ TEST(Lobby, GeneratorFiguresAndTheValuesNobodyMayBeHandedOut) {
     EXPECT_EQ(room.slots[3].info->bytes, encode(setupOf(3, 0, "", room.slots[3].info->playerTag,
                                                         room.slots[3].info->startLocation)));
 }
+
+TEST(Lobby, RoomIdsPastTheWrapSkipZeroAndTheRoomsStillAlive) {
+    Harness h;
+    for (std::size_t i = 0; i < 3; ++i) h.connect(i);
+    h.lobby(0, CreateRoom{1, "", "data", 1});
+    h.server.rooms.nextRoomId = 0xFFFFFFFFu;
+    h.lobby(1, CreateRoom{1, "", "data", 1});
+    h.lobby(2, CreateRoom{1, "", "data", 1});
+    ASSERT_EQ(h.server.rooms.byId.size(), 3u);
+    EXPECT_EQ(h.room(0xFFFFFFFFu).slots[0].peer, h.peer(1));
+    EXPECT_EQ(h.room(1).slots[0].peer, h.peer(0));
+    EXPECT_EQ(h.room(2).slots[0].peer, h.peer(2));
+    EXPECT_EQ(h.room(2).name, "Room # 2");
+}

@@ -295,6 +295,9 @@ TEST(Health, TheLoopIsHealthyForTwoSecondsAfterATurnAndReadyOnceTheHostListens) 
     HealthAnswer stalled = loopHealth(12'500'000);
     EXPECT_EQ(stalled.status, 503);
     EXPECT_EQ(stalled.body, "the main loop last turned 2.5 s ago\n");
+    // A turn that began after the prober read its clock is fresh, not an
+    // age that wrapped round.
+    EXPECT_EQ(loopHealth(9'999'000).status, 200);
     m.lastTurnMicros.store(0);
     m.listening.store(false);
 }
@@ -331,6 +334,17 @@ TEST(Events, AFloodGoesToTheDumpFileOfTheDayInsteadOfMemory) {
     EXPECT_EQ(h.server.events.size(), 1u);
     const std::string dump = readWholeFile(root / ("server_data/stats/" + periodicDumpName(localNow()) + ".events"));
     EXPECT_EQ(std::count(dump.begin(), dump.end(), '\n'), 8 * static_cast<long>(kSpillEvents));
+}
+
+TEST(Events, AManifestRequestsRecordPassesTheSameBoundAsAClientsEvent) {
+    TempDataRoot root;
+    Harness h;
+    h.connect(0);
+    h.server.events.resize(2 * kSpillEvents);  // full, and the disk behind
+    h.server.eventSpill.spilling = true;
+    h.receive(0, kFileUpdateChannel, encode(ManifestRequest{}));
+    EXPECT_EQ(h.server.events.size(), 2 * kSpillEvents);
+    EXPECT_EQ(h.server.eventSpill.dropped, 1u);
 }
 
 TEST(Statistics, OrderingFloatAveragesAndDurations) {
