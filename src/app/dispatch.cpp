@@ -21,6 +21,7 @@ struct Incoming {
     std::uint8_t channel;
     ByteView packet;
     PeerBudget& budget;
+    AddressBudget* address;  // null once the address has no record
     std::uint64_t now;
     ENetPacket** received;  // may be null
 };
@@ -39,6 +40,12 @@ bool mayLog(const Incoming& in) {
     if (mayLogMalformed(in.budget, in.server.limits, in.now, summary)) return true;
     if (!summary.empty()) logError("|||| Peer " + peerAddressText(in.peer) + ": " + summary);
     return false;
+}
+
+// A request refused by a limit: one line a minute per peer at most.
+void refused(const Incoming& in, LimitFired limit, const std::string& what) {
+    countLimit(limit);
+    if (mayLogRefusal(in.budget, in.now)) logError("|||| Peer " + peerAddressText(in.peer) + ": " + what);
 }
 
 void malformed(const Incoming& in, std::string_view what) {
@@ -72,7 +79,27 @@ void seated(const Incoming& in) {
 std::uint32_t now32() { return static_cast<std::uint32_t>(unixNow()); }
 
 // ---- Lobby ----
-void onCreateRoom(const Incoming& in, CreateRoom& m) { createRoom(in.server.rooms, in.peer, m); }
+// The refusals of a room, on the text channel: a client that knows nothing
+// of them shows them as a line of chat, and its player learns why.
+constexpr char kTooManyRooms[] = "Room not created: the server holds as many rooms as it can. Try again later.";
+constexpr char kRoomsTooFast[] =
+    "Room not created: too many rooms were created from your connection in the last minute. Try again in a minute.";
+
+void onCreateRoom(const Incoming& in, CreateRoom& m) {
+    Server& s = in.server;
+    // From inside a room the request changes nothing, so it costs nothing.
+    if (roomOf(s.rooms, in.peer) != nullptr) return;
+    if (s.limits.maxRooms != 0 && s.rooms.byId.size() >= s.limits.maxRooms) {
+        sendBytes(in.peer, kTextChannel, encode(Text{kTooManyRooms}));
+        return refused(in, LimitFired::maxRooms, "room not created: max_rooms reached");
+    }
+    if (!chargeRoomCreation(in.budget, in.address, s.limits, in.now)) {
+        sendBytes(in.peer, kTextChannel, encode(Text{kRoomsTooFast}));
+        return refused(in, LimitFired::roomsPerMinute, "room not created: over rooms_per_peer_per_minute or "
+                                                       "rooms_per_address_per_minute");
+    }
+    createRoom(s.rooms, in.peer, m);
+}
 void onJoinRoom(const Incoming& in, JoinRoom& m) { joinRoom(in.server.rooms, in.peer, m.roomId); }
 void onLeaveRoom(const Incoming& in, LeaveRoom&) { leaveRoom(in.server.rooms, in.peer, false); }
 void onPlayerSetup(const Incoming& in, PlayerSetup& m) { updatePlayerSetup(in.server.rooms, in.peer, std::move(m)); }
@@ -80,22 +107,48 @@ void onSlotState(const Incoming& in, SlotState& m) { changeSlotState(in.server.r
 void onSetHost(const Incoming& in, SetHost& m) { requestHost(in.server.rooms, in.peer, m.slot); }
 void onKick(const Incoming& in, Kick& m) { kickPlayer(in.server.rooms, in.peer, m.slot); }
 void onRoomListRequest(const Incoming& in, RoomListRequest& m) {
-    const Server& s = in.server;
-    sendRoomList(s.rooms, serverStatus(s.rooms, s.serverDescription, s.peers.size()), in.peer, m.roomId);
+    Server& s = in.server;
+    if (!mayReply(in.budget, in.address, s.limits, in.now))
+        return refused(in, LimitFired::replyBytes, "room list not sent: over reply_bytes_per_second");
+    const std::size_t sent =
+        sendRoomList(s.rooms, serverStatus(s.rooms, s.serverDescription, s.peers.size()), in.peer, m.roomId);
+    chargeReply(in.budget, in.address, s.limits, sent);
 }
 void onGameSettings(const Incoming& in, GameSettings& m) { updateGameSettings(in.server.rooms, in.peer, std::move(m)); }
 void onStartGame(const Incoming& in, StartGame&) { requestStart(in.server.rooms, in.peer); }
 
 // ---- Text ----
-void onText(const Incoming& in, Text& m) { relayText(in.server.rooms, in.server.peers, in.peer, m.text); }
+// A line to a room goes to its few players. A line to the lobby goes to
+// everyone in no room, so what it costs grows with the lobby: the lobby's
+// lines share one budget for the whole server, counted in the bytes sent
+// out, and a recipient that has fallen behind loses lines rather than its
+// connection.
+void onText(const Incoming& in, Text& m) {
+    Server& s = in.server;
+    std::vector<ENetPeer*> targets = textRecipients(s.rooms, s.peers, in.peer);
+    const Bytes bytes = encode(Text{m.text});
+    if (roomOf(s.rooms, in.peer) == nullptr) {
+        const Rate& rate = s.limits.lobbyChatBytes;
+        if (!take(s.lobbyChat, static_cast<double>(rate.perSecond), static_cast<double>(rate.burst),
+                  static_cast<double>(bytes.size() * targets.size()), in.now))
+            return refused(in, LimitFired::lobbyChat, "lobby chat line dropped: over lobby_chat_bytes_per_second");
+        if (const std::uint64_t behind = s.limits.chatDropQueuedBytes; behind != 0)
+            std::erase_if(targets, [behind](ENetPeer* peer) {
+                if (!holdsMoreThan(peer, behind)) return false;
+                metrics().chatLinesDropped.fetch_add(1, std::memory_order_relaxed);
+                return true;
+            });
+    }
+    sendBytesToMany(targets.data(), targets.size(), kTextChannel, bytes);
+}
 
 // ---- Match control and orders ----
 void onLeaveMatch(const Incoming& in, LeaveMatch&) { leaveRoom(in.server.rooms, in.peer, false); }
 void onDelayHold(const Incoming&, const Seat& seat, DelayHold&) { holdDelay(seat.room->match); }
 void onDelayRequest(const Incoming&, const Seat& seat, DelayRequest&) { requestLongerDelay(seat.room->match); }
 void onResyncReport(const Incoming& in, const Seat& seat, ResyncReport& m) {
-    handleResyncReport(in.server.storage, seat.room->match, seating(*seat.room), seat.slot, m, in.packet,
-                       in.server.limits.resyncBytesPerRoom);
+    handleResyncReport(in.server.storage, seat.room->match, seating(*seat.room), seat.slot, m, in.packet, keep(in),
+                       in.server.limits.resyncBytesPerRoom, refOf(in.peer).connection);
 }
 void onOrder(const Incoming& in, const Seat& seat, Order& m) {
     handleOrder(seat.room->match, seating(*seat.room), seat.slot, m, in.packet);
@@ -129,11 +182,20 @@ bool withinReportQuota(const Incoming& in, bool feedback) {
     refuseReport(s.storage, in.peer, feedback);
     return false;
 }
+// Past the peer's share of the storage worker a report has already been
+// answered as unwritten; the line comes like a quota's.
+void overWorkerShare(const Incoming& in) {
+    countLimit(LimitFired::workerShare);
+    if (std::string line = reportRefusalLine(in.budget, "worker_jobs_per_peer or worker_bytes_per_peer", in.now);
+        !line.empty())
+        logError("|||| Report from " + peerAddressText(in.peer) + " " + line);
+}
 void onFeedbackReport(const Incoming& in, FeedbackReport&) {
-    if (withinReportQuota(in, true)) fileFeedbackReport(in.server.storage, in.peer, keep(in));
+    if (withinReportQuota(in, true) && !fileFeedbackReport(in.server.storage, in.peer, keep(in))) overWorkerShare(in);
 }
 void onDeterminismTestReport(const Incoming& in, DeterminismTestReport&) {
-    if (withinReportQuota(in, false)) fileDeterminismTestReport(in.server.storage, in.peer, keep(in));
+    if (withinReportQuota(in, false) && !fileDeterminismTestReport(in.server.storage, in.peer, keep(in)))
+        overWorkerShare(in);
 }
 
 // ---- Event tracking and file update ----
@@ -148,18 +210,24 @@ void onTrackEvent(const Incoming& in, TrackEvent& m) {
     if (admitClientEvent(s))
         recordEvent(s.events, m.eventType, std::move(m.playerName), in.peer->address.host, std::move(m.dataset),
                     m.datasetChecksum, std::move(m.additionalEventData), now32());
-    if (m.eventType == kUpdateCheckEvent) {
-        sendManifestVersion(in.server.storage, in.peer);
-        sendAnnouncements(in.server.storage, in.peer);
-    }
+    if (m.eventType != kUpdateCheckEvent) return;
+    // A few bytes that ask for the whole announcements: their size is charged
+    // to the asker's replies.
+    if (!mayReply(in.budget, in.address, s.limits, in.now))
+        return refused(in, LimitFired::replyBytes, "update check not answered: over reply_bytes_per_second");
+    if (!sendManifestVersion(s.storage, s.announcements, in.peer))
+        return refused(in, LimitFired::workerShare, "update check not answered: over worker_jobs_per_peer");
+    chargeReply(in.budget, in.address, s.limits, kManifestNoticeBytes + s.announcements.message.bytes().size());
+}
+void requestFile(const Incoming& in, std::string name) {
+    if (!sendFile(in.server.storage, in.server.downloads, in.peer, std::move(name)))
+        refused(in, LimitFired::downloadRequests, "file request dropped: over download_requests_per_peer");
 }
 void onManifestRequest(const Incoming& in, ManifestRequest&) {
     if (admitClientEvent(in.server)) recordEvent(in.server.events, 3, "__SERVER__", 0, "", 0, "", now32());
-    sendFile(in.server.storage, in.server.downloads, in.peer, kManifestName);
+    requestFile(in, kManifestName);
 }
-void onFileRequest(const Incoming& in, FileRequest& m) {
-    sendFile(in.server.storage, in.server.downloads, in.peer, std::move(m.name));
-}
+void onFileRequest(const Incoming& in, FileRequest& m) { requestFile(in, std::move(m.name)); }
 void onFileData(const Incoming& in) {
     if (mayLog(in)) logError("???? server should not be receiving file responses");
 }
@@ -222,10 +290,19 @@ void dispatchPacket(Server& server, ENetPeer* peer, std::uint8_t channel, ByteVi
         logError("|||| Packet from unknown peer " + peerAddressText(peer) + "! Ignoring!");
         return;
     }
-    const Incoming in{server, peer, channel, packet, budget->second, steadyMicros(), received};
+    const auto address = server.addressBudgets.find(peer->address.host);
+    const Incoming in{server,
+                      peer,
+                      channel,
+                      packet,
+                      budget->second,
+                      address != server.addressBudgets.end() ? &address->second : nullptr,
+                      steadyMicros(),
+                      received};
     // Charged before anything is decoded, so a flood costs the least.
     std::string line;
-    const Verdict verdict = charge(in.budget, server.limits, groupOfChannel(channel), packet.size(), in.now, line);
+    const Verdict verdict =
+        charge(in.budget, in.address, server.limits, groupOfChannel(channel), packet.size(), in.now, line);
     if (!line.empty()) logError("|||| Peer " + peerAddressText(peer) + " " + line);
     if (verdict == Verdict::disconnect) {
         logError("|||| Peer " + peerAddressText(peer) + " stayed over budget for more than " +

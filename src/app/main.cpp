@@ -57,13 +57,15 @@ void handleKey(Server& server, int key) {
 }
 
 // Gauges for the metrics endpoint and the service manager's status line.
-void publishStatus(const Server& server, bool notify) {
+void publishStatus(Server& server, bool notify) {
     std::uint64_t running = 0;
     for (const auto& [id, room] : server.rooms.byId) running += room->running;
     auto& m = metrics();
     m.peersConnected.store(server.peers.size(), std::memory_order_relaxed);
     m.rooms.store(server.rooms.byId.size(), std::memory_order_relaxed);
     m.matchesRunning.store(running, std::memory_order_relaxed);
+    m.storageJobs.store(server.storage.pending(), std::memory_order_relaxed);
+    m.downloadBytesInFlight.store(server.downloads.inFlight, std::memory_order_relaxed);
     if (notify)
         notifyStatus(std::to_string(server.peers.size()) + " peers, " + std::to_string(server.rooms.byId.size()) +
                      " rooms, " + std::to_string(running) + " matches running");
@@ -183,11 +185,6 @@ int main(int argc, char** argv) {
     }
     loadLimits(*server);
     loadBans(*server);
-    server->storage.onFull = [last = std::int64_t{-60}]() mutable {
-        if (unixNow() - last < 60) return;
-        last = unixNow();
-        logMessage("Storage queue full: the loop waits for the disk");
-    };
     server->storage.start();
     beginConsoleKeys();
     notifyReady();
@@ -226,9 +223,10 @@ int main(int argc, char** argv) {
             // The writer opens the log file by its path for every batch, so
             // a file moved away by logrotate is already replaced.
             logMessage("SIGHUP: the log file is reopened at its path; reloading the limits from " +
-                       server->limitsFile + " and the bans from " + server->bansFile);
+                       server->limitsFile + ", the bans from " + server->bansFile + " and the announcements");
             loadLimits(*server);
             loadBans(*server);
+            forgetAnnouncements(server->announcements);
         }
         if (reportRequested) {
             reportRequested = 0;

@@ -1,6 +1,6 @@
 #include "app/peers.h"
 
-#include "app/setting_lines.h"
+#include "admission/setting_lines.h"
 #include "lobby/lobby.h"
 #include "log/log.h"
 #include "log/metrics.h"
@@ -29,6 +29,7 @@ void handleConnect(Server& server, ENetPeer* peer) {
     peer->data = info;
     server.peers.insert(peer);
     server.budgets[peer] = PeerBudget{};
+    server.addressBudgets[peer->address.host].peers += 1;
     logMessage(std::to_string(server.peers.size()) + " peers now");
     // A silent client is dropped only after 40 to 240 seconds.
     if (server.host != nullptr) enet_peer_timeout(peer, 256, 40000, 240000);
@@ -47,6 +48,9 @@ void handleDisconnect(Server& server, ENetPeer* peer) {
     peer->data = nullptr;
     server.peers.erase(peer);
     server.budgets.erase(peer);
+    if (auto a = server.addressBudgets.find(peer->address.host); a != server.addressBudgets.end() && --a->second.peers == 0)
+        server.addressBudgets.erase(a);
+    forgetDownloads(server.downloads, peer);
     logMessage(std::to_string(server.peers.size()) + " peers now");
 }
 

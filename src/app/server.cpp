@@ -4,7 +4,7 @@
 #include <cstdio>
 #include <cstdlib>
 
-#include "app/setting_lines.h"
+#include "admission/setting_lines.h"
 #include "log/log.h"
 #include "platform/clock.h"
 #include "platform/files.h"
@@ -120,6 +120,14 @@ void applyLimits(Server& server) {
     server.connections.connectsPerMinute = l.connectsPerAddressPerMinute;
     setOutgoingLimit(l.maxOutgoingBytesPerPeer);
     server.downloads.maxInFlight = l.downloadBytesInFlight;
+    server.downloads.maxInFlightPerAddress = l.downloadBytesInFlightPerAddress;
+    server.downloads.stallMicros = l.downloadStallSeconds * 1'000'000;
+    server.downloads.maxWaitingPerPeer = l.downloadRequestsPerPeer;
+    server.announcements.maxBytes = l.announcementsMaxBytes;
+    Storage::Shares shares;
+    shares.jobsPerPeer = l.workerJobsPerPeer;
+    shares.bytesPerPeer = l.workerBytesPerPeer;
+    server.storage.setShares(shares);
     if (server.host != nullptr)
         server.host->maximumWaitingData = l.maxWaitingBytesPerPeer != 0 ? l.maxWaitingBytesPerPeer : SIZE_MAX;
 }

@@ -10,14 +10,15 @@
 
 #include <enet/enet.h>
 
-#include "app/budgets.h"
-#include "app/connections.h"
-#include "app/limits.h"
+#include "admission/budgets.h"
+#include "admission/connections.h"
+#include "admission/limits.h"
 #include "lobby/room.h"
 #include "platform/storage.h"
 #include "stats/events.h"
 #include "stats/statistics.h"
 #include "update/downloads.h"
+#include "update/update.h"
 
 inline constexpr std::uint16_t kDefaultPort = 1984;
 inline constexpr std::size_t kMaxPeers = 1024;
@@ -42,6 +43,11 @@ struct Server {
     std::set<ENetPeer*> peers;
     // What each registered peer may still send.
     std::unordered_map<ENetPeer*, PeerBudget> budgets;
+    // What the registered peers of each address may still send together,
+    // by the address in ENet's byte order.
+    std::unordered_map<std::uint32_t, AddressBudget> addressBudgets;
+    // Lobby chat over all senders (lobby_chat_bytes_*).
+    Bucket lobbyChat;
     RoomRegistry rooms;
     std::uint32_t bytesReceived = 0;
     // The last turn stopped at its bound of events: the next one must not
@@ -51,6 +57,9 @@ struct Server {
     std::int64_t reportDay = -1;
     std::uint64_t reportBytesToday = 0;
     Downloads downloads;
+    // When the downloads were last looked at for stalls (steadyMicros).
+    std::uint64_t stallCheckMicros = 0;
+    AnnouncementsCache announcements;
     // Every file written or update file read goes through here. Declared
     // last, so it is drained while everything its completions reach exists.
     Storage storage;

@@ -5,6 +5,7 @@
 #include "app/dispatch.h"
 #include "app/peers.h"
 #include "lobby/lobby.h"
+#include "log/log.h"
 #include "log/metrics.h"
 #include "platform/clock.h"
 
@@ -110,6 +111,13 @@ bool serviceStep(Server& server) {
     // connects, disconnects and packets keep the loop's interval short.
     server.storage.poll();
     pumpDownloads(server.storage, server.downloads);
+    if (due(server.stallCheckMicros, 1'000'000))
+        for (ENetPeer* peer : stalledDownloads(server.downloads, steadyMicros())) {
+            countLimit(LimitFired::downloadStall);
+            logError("|||| Peer " + peerAddressText(peer) + " took none of its download for " +
+                     std::to_string(server.limits.downloadStallSeconds) + " s. Disconnecting it");
+            cutOff(server, peer);
+        }
     if (roomWorkDue()) runRoomWork(server);
     cutOffPeersOverLimit(server);
     if (waitingCheckDue()) cutOffOverWaitingTotal(server);

@@ -74,7 +74,8 @@ std::string evidenceBaseName(std::uint32_t roomId, std::uint32_t desyncCount, st
 }
 
 void handleResyncReport(Storage& storage, Match& match, const Seating& seating, std::uint32_t slot,
-                        const ResyncReport& report, ByteView packet, std::uint64_t evidenceLimit) {
+                        const ResyncReport& report, ByteView packet, KeptBytes kept, std::uint64_t evidenceLimit,
+                        Storage::Owner owner) {
     match.resyncPending[slot] = false;
     // Nothing marks a slot pending yet, so every report completes the resync
     // at once and reaches the players as it arrives.
@@ -100,21 +101,36 @@ void handleResyncReport(Storage& storage, Match& match, const Seating& seating, 
         logError("|||| Resync evidence of room " + std::to_string(seating.roomId) + " over its limit of " +
                  std::to_string(evidenceLimit) + " bytes: not written");
     }
+    // The world and the log are parts of the report: the worker writes them
+    // from the one copy of it that it holds, which is also what is relayed.
+    auto part = [&](ByteView field) {
+        return std::pair<std::size_t, std::size_t>(static_cast<std::size_t>(field.data() - packet.data()), field.size());
+    };
+    auto relay = [players](ByteView relayed) {
+        std::vector<ENetPeer*> still;
+        for (const PeerRef& p : players)
+            if (ENetPeer* peer = stillConnected(p)) still.push_back(peer);
+        sendBytesToMany(still.data(), still.size(), kMatchControlChannel, relayed);
+    };
     // The players hear of it once the evidence is on disk.
-    storage.submit(
-        [write, base = evidenceBaseName(seating.roomId, match.desyncCount, slot),
-         world = Bytes(report.world.begin(), report.world.end()), log = Bytes(report.log.begin(), report.log.end()),
-         players = std::move(players), relayed = Bytes(packet.begin(), packet.end())]() -> Storage::Completion {
-            if (write) {
-                writeEvidence(base + ".world", world);
-                writeEvidence(base + ".log", log);
-            }
-            return [players, relayed] {
-                std::vector<ENetPeer*> still;
-                for (const PeerRef& p : players)
-                    if (ENetPeer* peer = stillConnected(p)) still.push_back(peer);
-                sendBytesToMany(still.data(), still.size(), kMatchControlChannel, relayed);
-            };
-        },
-        packet.size() + report.world.size() + report.log.size());
+    const std::size_t size = kept.bytes().size();
+    if (storage.submit(
+            [write, base = evidenceBaseName(seating.roomId, match.desyncCount, slot), world = part(report.world),
+             log = part(report.log), kept, relay]() -> Storage::Completion {
+                if (write) {
+                    writeEvidence(base + ".world", kept.bytes().subspan(world.first, world.second));
+                    writeEvidence(base + ".log", kept.bytes().subspan(log.first, log.second));
+                }
+                return [kept, relay] { relay(kept.bytes()); };
+            },
+            size, owner))
+        return;
+    countLimit(LimitFired::workerShare);
+    // A line for the 1st, 2nd, 4th, 8th... refusal of the room: a player
+    // flooding reports cannot flood the log too.
+    const std::uint64_t n = ++match.evidenceRefused;
+    if ((n & (n - 1)) == 0)
+        logError("|||| Resync evidence of room " + std::to_string(seating.roomId) + " over its sender's share of the "
+                 "storage worker: not written (" + std::to_string(n) + " so far)");
+    relay(packet);
 }

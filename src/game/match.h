@@ -47,6 +47,8 @@ struct Match {
     std::uint32_t desyncCount = 0;
     // Resync evidence written for this room, in bytes.
     std::uint64_t evidenceBytes = 0;
+    // Reports whose evidence found no room with the storage worker.
+    std::uint64_t evidenceRefused = 0;
     std::uint32_t lastCompletedStep = 0;
     std::uint32_t maxOrderDelay = 0;
     std::uint32_t delayCooldown = 40;
@@ -94,10 +96,13 @@ void handleChecksum(Match& match, const Seating& seating, std::uint32_t slot, st
 // Logs, tells the players, stops orders beyond the next step and sends the
 // resync order.
 void declareDesync(Match& match, const Seating& seating, std::uint32_t step);
-// Evidence files (written by the storage worker), then completion of the
-// resync; packet is the report as it came. Evidence past evidenceLimit
-// bytes for the room (0: no limit) is relayed but not written.
+// Evidence files (written by the storage worker, within the share of owner,
+// the reporting peer), then completion of the resync; packet is the report as
+// it came (the record views it) and kept the same bytes held for the worker.
+// Evidence past evidenceLimit bytes for the room (0: no limit), or past the
+// peer's share of the worker, is relayed at once but not written.
 void handleResyncReport(Storage& storage, Match& match, const Seating& seating, std::uint32_t slot,
-                        const ResyncReport& report, ByteView packet, std::uint64_t evidenceLimit = 0);
+                        const ResyncReport& report, ByteView packet, KeptBytes kept, std::uint64_t evidenceLimit,
+                        Storage::Owner owner);
 // Data root + "server_data/resyncs/room<id>_desync<count>_peer<slot>".
 std::string evidenceBaseName(std::uint32_t roomId, std::uint32_t desyncCount, std::size_t slot);

@@ -22,14 +22,14 @@ void sendToHumans(const Room& room, std::uint8_t channel, ByteView bytes, const 
 void createRoom(RoomRegistry& rooms, ENetPeer* peer, const CreateRoom& request);
 // The status line of the room list: rooms, players in and out of them.
 ServerStatus serverStatus(const RoomRegistry& rooms, const std::string& description, std::size_t peerCount);
-// The status, one entry per room, and the details of the room with roomId.
-void sendRoomList(const RoomRegistry& rooms, const ServerStatus& status, ENetPeer* peer, std::uint32_t roomId);
+// The status, one entry per room, and the details of the room with roomId;
+// returns the bytes sent.
+std::size_t sendRoomList(const RoomRegistry& rooms, const ServerStatus& status, ENetPeer* peer, std::uint32_t roomId);
 void updateGameSettings(RoomRegistry& rooms, ENetPeer* peer, GameSettings settings);
-// The text to every registered peer that shares the sender's room (or, for a
-// sender in no room, to every peer in no room), the sender included, in the
-// order of the peer registry.
-void relayText(const RoomRegistry& rooms, const std::set<ENetPeer*>& peers, ENetPeer* sender,
-               const std::string& text);
+// Who a text goes to: every registered peer that shares the sender's room
+// (or, for a sender in no room, every peer in no room), the sender included,
+// in the order of the peer registry.
+std::vector<ENetPeer*> textRecipients(const RoomRegistry& rooms, const std::set<ENetPeer*>& peers, ENetPeer* sender);
 // Takes the first room without humans out of the registry (logged), or
 // returns nullptr.
 std::unique_ptr<Room> deleteEmptyRoom(RoomRegistry& rooms);

@@ -61,8 +61,10 @@ ServerStatus serverStatus(const RoomRegistry& rooms, const std::string& descript
     return status;
 }
 
-void sendRoomList(const RoomRegistry& rooms, const ServerStatus& status, ENetPeer* peer, std::uint32_t roomId) {
-    sendBytes(peer, kLobbyChannel, encode(status));
+std::size_t sendRoomList(const RoomRegistry& rooms, const ServerStatus& status, ENetPeer* peer, std::uint32_t roomId) {
+    const Bytes statusBytes = encode(status);
+    std::size_t sent = statusBytes.size();
+    sendBytes(peer, kLobbyChannel, statusBytes);
     for (const auto& [id, room] : rooms.byId) {
         // Name, dataset and checksum never change: the entry is encoded
         // again only when its counts or its openness do.
@@ -81,14 +83,17 @@ void sendRoomList(const RoomRegistry& rooms, const ServerStatus& status, ENetPee
             room->listKey = key;
         }
         sendShared(peer, kLobbyChannel, room->listEntry);
+        sent += room->listEntry.bytes().size();
     }
     const Room* room = findRoom(rooms, roomId);
-    if (room == nullptr) return;
+    if (room == nullptr) return sent;
     sendShared(peer, kLobbyChannel, room->sharedSettings);
     RoomPlayerNames names;
     for (const Slot& slot : room->slots)
         if (slot.peer != nullptr) names.names.push_back(slot.info ? slot.info->playerName : std::string());
-    sendBytes(peer, kLobbyChannel, encode(names));
+    const Bytes namesBytes = encode(names);
+    sendBytes(peer, kLobbyChannel, namesBytes);
+    return sent + room->sharedSettings.bytes().size() + namesBytes.size();
 }
 
 void updateGameSettings(RoomRegistry& rooms, ENetPeer* peer, GameSettings settings) {
@@ -101,14 +106,12 @@ void updateGameSettings(RoomRegistry& rooms, ENetPeer* peer, GameSettings settin
     room->settings = std::move(settings);
 }
 
-void relayText(const RoomRegistry& rooms, const std::set<ENetPeer*>& peers, ENetPeer* sender,
-               const std::string& text) {
+std::vector<ENetPeer*> textRecipients(const RoomRegistry& rooms, const std::set<ENetPeer*>& peers, ENetPeer* sender) {
     const Room* senderRoom = roomOf(rooms, sender);
     std::vector<ENetPeer*> targets;
     for (ENetPeer* peer : peers)
         if (roomOf(rooms, peer) == senderRoom) targets.push_back(peer);
-    Bytes bytes = encode(Text{text});
-    sendBytesToMany(targets.data(), targets.size(), kTextChannel, bytes);
+    return targets;
 }
 
 std::unique_ptr<Room> deleteEmptyRoom(RoomRegistry& rooms) {

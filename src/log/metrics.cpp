@@ -118,6 +118,13 @@ std::string renderMetrics(std::int64_t nowUnix, std::uint64_t nowMicros) {
     sample(out, "lockstep_rooms", m.rooms.load());
     family(out, "lockstep_matches_running", "gauge", "Rooms whose match is running.");
     sample(out, "lockstep_matches_running", m.matchesRunning.load());
+    family(out, "lockstep_storage_jobs", "gauge", "Jobs queued or running on the storage worker.");
+    sample(out, "lockstep_storage_jobs", m.storageJobs.load());
+    family(out, "lockstep_download_bytes_in_flight", "gauge", "Update file bytes handed to the transport.");
+    sample(out, "lockstep_download_bytes_in_flight", m.downloadBytesInFlight.load());
+    family(out, "lockstep_chat_lines_dropped_total", "counter",
+           "Lobby chat lines not sent to a recipient with too much queued.");
+    sample(out, "lockstep_chat_lines_dropped_total", m.chatLinesDropped.load());
     perChannel(out, "lockstep_messages_received_total", "Packets received, by channel.", m.messagesIn);
     perChannel(out, "lockstep_received_bytes_total", "Packet bytes received, by channel.", m.bytesIn);
     perChannel(out, "lockstep_messages_sent_total", "Packets sent (one per recipient), by channel.", m.messagesOut);
@@ -131,11 +138,14 @@ std::string renderMetrics(std::int64_t nowUnix, std::uint64_t nowMicros) {
     for (std::size_t g = 0; g < m.budgetDrops.size(); ++g)
         sample(out, std::string("lockstep_budget_dropped_total{group=\"") + groups[g] + "\"}", m.budgetDrops[g].load());
     family(out, "lockstep_limit_fired_total", "counter",
-           "Times a limit refused a connection, cut off a peer or refused a file, by the limit's name.");
+           "Times a limit refused a connection, a message, a reply or a room, or cut off a peer, by the limit's name.");
     static const char* const limits[] = {"overbudget_disconnect_seconds", "max_outgoing_bytes_per_peer",
                                          "max_waiting_bytes_total", "connects_per_address_per_minute",
                                          "max_peers_per_address", "bans", "reports_bytes_per_day",
-                                         "reports_per_peer_per_hour", "resync_bytes_per_room"};
+                                         "reports_per_peer_per_hour", "resync_bytes_per_room",
+                                         "worker_jobs_per_peer", "reply_bytes_per_second",
+                                         "lobby_chat_bytes_per_second", "max_rooms", "rooms_per_peer_per_minute",
+                                         "download_stall_seconds", "download_requests_per_peer"};
     static_assert(std::size(limits) == static_cast<std::size_t>(LimitFired::count));
     for (std::size_t i = 0; i < std::size(limits); ++i)
         sample(out, std::string("lockstep_limit_fired_total{limit=\"") + limits[i] + "\"}", m.limitsFired[i].load());

@@ -29,6 +29,13 @@ enum class LimitFired : std::size_t {
     reportsPerDay,
     reportsPerHour,
     resyncPerRoom,
+    workerShare,
+    replyBytes,
+    lobbyChat,
+    maxRooms,
+    roomsPerMinute,
+    downloadStall,
+    downloadRequests,
     count
 };
 
@@ -47,10 +54,14 @@ struct MetricsCounters {
     std::atomic<std::uint64_t> desyncs{0};
     std::atomic<std::uint64_t> stepsCompleted{0};
     std::atomic<std::uint64_t> loopWakeups{0};
+    // Lobby chat lines not sent to a recipient that had too much queued.
+    std::atomic<std::uint64_t> chatLinesDropped{0};
     // Published by the main loop from time to time.
     std::atomic<std::uint64_t> peersConnected{0};
     std::atomic<std::uint64_t> rooms{0};
     std::atomic<std::uint64_t> matchesRunning{0};
+    std::atomic<std::uint64_t> storageJobs{0};
+    std::atomic<std::uint64_t> downloadBytesInFlight{0};
 
     // Step completion: from the first report of a step to its notice.
     Histogram stepCompletion{{0.001, 0.0025, 0.005, 0.01, 0.025, 0.05, 0.1, 0.25, 0.5, 1.0}};

@@ -30,9 +30,8 @@ bool admitOutgoing(ENetPeer* peer, std::size_t bytes) {
     auto* info = static_cast<PeerInfo*>(peer->data);
     if (info == nullptr) return true;
     if (info->overOutgoingLimit) return false;
-    if (outgoingLimit == 0) return true;
     info->queuedEstimate += bytes;
-    if (info->queuedEstimate <= outgoingLimit) return true;
+    if (outgoingLimit == 0 || info->queuedEstimate <= outgoingLimit) return true;
     // The recorder holds nothing back: only a packet itself can be too big.
     const std::uint64_t queued = recorder ? bytes : queuedForSending(peer) + bytes;
     if (queued <= outgoingLimit) {
@@ -57,6 +56,14 @@ std::vector<ENetPeer*> takePeersOverOutgoingLimit() { return std::exchange(overL
 std::uint64_t queuedForSending(const ENetPeer* peer) {
     return sumList(peer->outgoingCommands) + sumList(peer->sentReliableCommands) +
            sumList(peer->sentUnreliableCommands);
+}
+
+bool holdsMoreThan(ENetPeer* peer, std::uint64_t bytes) {
+    auto* info = static_cast<PeerInfo*>(peer->data);
+    if (info == nullptr || info->queuedEstimate <= bytes) return false;
+    // The recorder holds nothing back.
+    info->queuedEstimate = recorder ? 0 : queuedForSending(peer);
+    return info->queuedEstimate > bytes;
 }
 
 void disconnectNow(ENetPeer* peer) {

@@ -97,6 +97,9 @@ void setOutgoingLimit(std::uint64_t bytes);
 std::vector<ENetPeer*> takePeersOverOutgoingLimit();
 // What ENet holds for sending to the peer, in bytes.
 std::uint64_t queuedForSending(const ENetPeer* peer);
+// Whether ENet holds more than bytes for the peer. Walks ENet's queues only
+// when what was handed over since the last walk says it may.
+bool holdsMoreThan(ENetPeer* peer, std::uint64_t bytes);
 // Drops the peer at once: a disconnect notice goes out without waiting for an
 // acknowledgement, and ENet frees the slot and everything queued for it.
 void disconnectNow(ENetPeer* peer);

@@ -133,9 +133,10 @@ namespace {
 
 // The report travels to the worker as the packet's bytes (the record views
 // them) and is read there again; the reply comes back to the same connection.
+// Past the peer's share of the worker it is answered at once as unwritten.
 template <typename M>
-void fileReport(Storage& storage, ENetPeer* peer, KeptBytes packet, const char* directory,
-                std::string (*write)(const std::string&, const M&)) {
+bool fileReport(Storage& storage, ENetPeer* peer, KeptBytes packet, const char* directory,
+                std::string (*write)(const std::string&, const M&), const char* unwritten) {
     // Named by the second the report arrived in, not the one it was written in.
     std::string stem = reportStem(directory);
     PeerRef to = refOf(peer);
@@ -146,25 +147,32 @@ void fileReport(Storage& storage, ENetPeer* peer, KeptBytes packet, const char* 
             if (ENetPeer* peer = stillConnected(to)) sendBytes(peer, kReportsChannel, encode(ReportReply{1, text}));
         };
     };
-    storage.submit(std::move(job), size);
+    if (storage.submit(std::move(job), size, to.connection)) return true;
+    sendBytes(peer, kReportsChannel, encode(ReportReply{1, unwritten}));
+    return false;
 }
 
 }  // namespace
 
-void fileFeedbackReport(Storage& storage, ENetPeer* peer, KeptBytes packet) {
-    fileReport<FeedbackReport>(storage, peer, std::move(packet), "server_data/feedback/", writeFeedbackReport);
+bool fileFeedbackReport(Storage& storage, ENetPeer* peer, KeptBytes packet) {
+    return fileReport<FeedbackReport>(storage, peer, std::move(packet), "server_data/feedback/", writeFeedbackReport,
+                                      kFeedbackUnwritten);
 }
 
-void fileDeterminismTestReport(Storage& storage, ENetPeer* peer, KeptBytes packet) {
-    fileReport<DeterminismTestReport>(storage, peer, std::move(packet), "server_data/test_determinism/",
-                                      writeDeterminismTestReport);
+bool fileDeterminismTestReport(Storage& storage, ENetPeer* peer, KeptBytes packet) {
+    return fileReport<DeterminismTestReport>(storage, peer, std::move(packet), "server_data/test_determinism/",
+                                             writeDeterminismTestReport, kTestUnwritten);
 }
 
 void refuseReport(Storage& storage, ENetPeer* peer, bool feedback) {
-    storage.submit([to = refOf(peer), feedback]() -> Storage::Completion {
-        return [to, feedback] {
-            if (ENetPeer* peer = stillConnected(to))
-                sendBytes(peer, kReportsChannel, encode(ReportReply{1, feedback ? kFeedbackUnwritten : kTestUnwritten}));
-        };
-    });
+    const PeerRef to = refOf(peer);
+    const std::string text = feedback ? kFeedbackUnwritten : kTestUnwritten;
+    // Behind the peer's reports still being written when it has room there,
+    // so its replies keep their order; at once when it has none.
+    if (!storage.submit([to, text]() -> Storage::Completion {
+            return [to, text] {
+                if (ENetPeer* peer = stillConnected(to)) sendBytes(peer, kReportsChannel, encode(ReportReply{1, text}));
+            };
+        }, 0, to.connection))
+        sendBytes(peer, kReportsChannel, encode(ReportReply{1, text}));
 }

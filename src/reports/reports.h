@@ -24,9 +24,11 @@ std::string writeDeterminismTestReport(const std::string& stem, const Determinis
 
 // packet is a report that decodes; it is filed under server_data/feedback/
 // (or server_data/test_determinism/) by the storage worker, and the peer, if
-// still connected, gets the one ReportReply.
-void fileFeedbackReport(Storage& storage, ENetPeer* peer, KeptBytes packet);
-void fileDeterminismTestReport(Storage& storage, ENetPeer* peer, KeptBytes packet);
+// still connected, gets the one ReportReply. False when the peer's share of
+// the worker is spent: nothing is written and the reply says so at once.
+bool fileFeedbackReport(Storage& storage, ENetPeer* peer, KeptBytes packet);
+bool fileDeterminismTestReport(Storage& storage, ENetPeer* peer, KeptBytes packet);
 // The reply of a report that could not be written, for one that is not
-// written at all; it keeps its place among the peer's other replies.
+// written at all; it keeps its place among the peer's other replies while the
+// peer has room in its share of the worker.
 void refuseReport(Storage& storage, ENetPeer* peer, bool feedback);

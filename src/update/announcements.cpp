@@ -1,6 +1,7 @@
 #include <cstdio>
 #include <filesystem>
 #include <system_error>
+#include <utility>
 
 #include "log/log.h"
 #include "platform/files.h"
@@ -52,33 +53,83 @@ std::string textModeContent(std::string_view raw) {
     return text;
 }
 
-std::vector<std::string> readAnnouncements() {
-    const std::string directory = dataRootPrefix() + "server_data/announcements";
+namespace {
+std::string announcementsDirectory() { return dataRootPrefix() + "server_data/announcements"; }
+}  // namespace
+
+std::vector<std::string> readAnnouncements(std::size_t maxBytes, std::size_t& leftOut) {
+    leftOut = 0;
     // The whole listing is taken first, in the order the platform yields it
     // (no sorting). A directory that is missing or can't be listed, even part
     // way through, counts as holding no announcements: the client gets the
     // 12-byte message with count 0 and the server carries on.
     std::vector<std::string> entries;
     std::error_code ec;
-    for (fs::directory_iterator it(directory, ec), end; !ec && it != end; it.increment(ec))
+    for (fs::directory_iterator it(announcementsDirectory(), ec), end; !ec && it != end; it.increment(ec))
         entries.push_back(it->path().string());
     if (ec) return {};
 
     std::vector<std::string> texts;
     texts.reserve(entries.size());
+    std::size_t bytes = 12;
     for (const std::string& path : entries) {
+        // Each entry costs its text and a NUL; one that does not fit is left
+        // out whole, and the later ones may still fit.
+        std::error_code sizeError;
+        const std::uintmax_t size = fs::is_regular_file(path, sizeError) ? fs::file_size(path, sizeError) : 0;
+        if (maxBytes != 0 && !sizeError && bytes + size + 1 > maxBytes) {
+            ++leftOut;
+            continue;
+        }
         printQuotedPath(path);
-        texts.push_back(readEntry(path));
+        std::string text = readEntry(path);
+        if (maxBytes != 0 && bytes + text.size() + 1 > maxBytes) {  // it grew since
+            ++leftOut;
+            continue;
+        }
+        bytes += text.size() + 1;
+        texts.push_back(std::move(text));
     }
     return texts;
 }
 
-void sendAnnouncements(Storage& storage, ENetPeer* peer) {
-    storage.submit([to = refOf(peer)]() -> Storage::Completion {
+namespace {
+// Reads them by the storage worker, as the server's own work (one read at a
+// time, however many ask), and answers every reply waiting for them.
+void refreshAnnouncements(Storage& storage, AnnouncementsCache& cache) {
+    cache.refreshing = true;
+    storage.submit([&storage, &cache, maxBytes = cache.maxBytes]() -> Storage::Completion {
+        // Watched before the listing, so that a change made while it is read
+        // is seen at the next request.
+        cache.watch.changed();
+        cache.watch.watch(announcementsDirectory());
+        std::size_t leftOut = 0;
         Announcements message;
-        message.texts = readAnnouncements();
-        return [to, bytes = encode(message)] {
-            if (ENetPeer* peer = stillConnected(to)) sendBytes(peer, kEventTrackingChannel, bytes);
+        message.texts = readAnnouncements(maxBytes, leftOut);
+        return [&storage, &cache, leftOut, maxBytes, bytes = encode(message)] {
+            if (leftOut != 0)
+                logError("|||| Announcements: " + std::to_string(leftOut) + " entries left out, over the limit of " +
+                         std::to_string(maxBytes) + " bytes (announcements_max_bytes)");
+            cache.message = SharedMessage(bytes);
+            cache.read = true;
+            cache.refreshing = false;
+            for (const PeerRef& to : std::exchange(cache.waiting, {}))
+                if (ENetPeer* peer = stillConnected(to)) sendShared(peer, kEventTrackingChannel, cache.message);
+            if (std::exchange(cache.again, false)) cache.read = false;
         };
     });
+}
+}  // namespace
+
+void forgetAnnouncements(AnnouncementsCache& cache) {
+    if (cache.refreshing) cache.again = true;
+    else cache.read = false;
+}
+
+void sendAnnouncements(Storage& storage, AnnouncementsCache& cache, ENetPeer* peer) {
+    if (!cache.refreshing && cache.read && !cache.watch.changed())
+        return sendShared(peer, kEventTrackingChannel, cache.message);
+    if (cache.waiting.size() >= kMaxWaitingReplies) return;
+    cache.waiting.push_back(refOf(peer));
+    if (!cache.refreshing) refreshAnnouncements(storage, cache);
 }

@@ -1,16 +1,27 @@
 #pragma once
-// FileData replies are paced: ENet cuts a message into fragments and queues
-// them all at once, and walks its queues on every service, so handing it
-// several multi-megabyte files together costs every match on the server.
-// Requests wait here, in order, and a file is read only when its reply may
-// go: while the bytes ENet holds for all downloads together are below
-// maxInFlight (one reply may always go when nothing is in flight, however
-// large). So the server holds at most that much file data plus one file,
-// however many requests wait.
+// FileData replies are paced and shared out fairly. ENet cuts a message into
+// fragments and queues them all at once, and walks its queues on every
+// service, so the bytes handed to it for downloads are bounded: all peers
+// together (maxInFlight) and the peers of one address together
+// (maxInFlightPerAddress). Within those bounds the peers take turns: each
+// peer has its own queue of requests and at most one reply read or in flight
+// at a time, and the next read goes to the next peer in turn that may have
+// one. So a peer that does not take its reply holds that one reply and
+// nothing more, and a manifest request from anyone else goes out at the next
+// turn. A reply whose peer takes none of it for stallMicros is from a peer
+// that has gone or stopped reading: the service reports it, to be cut off.
+//
+// A file is read only when its reply may go, one read at a time, so the
+// service holds at most the bounds plus one file, however many requests
+// wait. The bytes of a reply are given back however it ends: acknowledged,
+// the peer disconnected, timed out or cut off.
 
 #include <cstddef>
+#include <cstdint>
 #include <deque>
 #include <string>
+#include <unordered_map>
+#include <vector>
 
 #include "platform/storage.h"
 #include "protocol/send.h"
@@ -21,26 +32,49 @@ using FileReader = Bytes (*)(const std::string& name, std::string& problem);
 
 struct Downloads {
     // 0: no bound.
-    std::size_t maxInFlight = 4u * 1024 * 1024;
+    std::size_t maxInFlight = 64u * 1024 * 1024;
+    std::size_t maxInFlightPerAddress = 16u * 1024 * 1024;
+    std::uint64_t stallMicros = 20'000'000;
+    std::size_t maxWaitingPerPeer = 1024;
+
     struct Request {
-        PeerRef to;
         std::string name;
         // A name that may not be read: answered with length 0 unread.
         bool refused = false;
         FileReader read = nullptr;
     };
-    std::deque<Request> waiting;
+    struct Peer {
+        PeerRef to;
+        std::uint32_t address = 0;
+        std::deque<Request> waiting;
+        bool reading = false;
+        // The reply with the transport: its number and its bytes.
+        std::uint64_t reply = 0;
+        std::size_t inFlight = 0;
+        // What the transport still held for the peer at the last look, and
+        // when that last went down.
+        std::uint64_t queuedLeft = 0;
+        std::uint64_t progressMicros = 0;
+    };
+    std::unordered_map<ENetPeer*, Peer> peers;
+    // Peers with requests waiting, in turn.
+    std::deque<ENetPeer*> turns;
+    std::unordered_map<std::uint32_t, std::size_t> inFlightByAddress;
     std::size_t inFlight = 0;
-    // A file is being read by the storage worker, or has been read and
-    // waits for room in flight.
     bool reading = false;
-    Bytes ready;
-    PeerRef readyFor;
+    std::uint64_t replies = 0;
 };
 
-// Queues the request behind the earlier ones and starts what may start.
-void queueFileRequest(Storage& storage, Downloads& downloads, PeerRef to, std::string name, bool refused,
+// Queues the request behind the peer's earlier ones and starts what may
+// start. False, with nothing queued, when the peer already has
+// maxWaitingPerPeer requests waiting.
+bool queueFileRequest(Storage& storage, Downloads& downloads, ENetPeer* peer, std::string name, bool refused,
                       FileReader read);
-// Sends the file read last when it fits and starts the next read. Requests
-// from peers that have gone are dropped unread. Cheap when nothing waits.
+// Starts the next read, if one may start. Cheap when nothing waits.
 void pumpDownloads(Storage& storage, Downloads& downloads);
+// The peer is gone: its requests are dropped and its reply's bytes given back.
+void forgetDownloads(Downloads& downloads, ENetPeer* peer);
+// The peers whose reply has had none of its bytes taken for stallMicros, as
+// of nowMicros; each is named once. Looks at the transport's queues, so it
+// is called about once a second.
+std::vector<ENetPeer*> stalledDownloads(Downloads& downloads, std::uint64_t nowMicros);

@@ -38,15 +38,21 @@ std::int32_t readManifestVersion() {
     return version < 0 ? kDefaultManifestVersion : version;
 }
 
-void sendManifestVersion(Storage& storage, ENetPeer* peer) {
-    storage.submit([to = refOf(peer)]() -> Storage::Completion {
-        TrackEvent notice;
-        notice.eventType = 1;
-        notice.additionalEventData = std::to_string(readManifestVersion());
-        return [to, bytes = encode(notice)] {
-            if (ENetPeer* peer = stillConnected(to)) sendBytes(peer, kEventTrackingChannel, bytes);
-        };
-    });
+bool sendManifestVersion(Storage& storage, AnnouncementsCache& cache, ENetPeer* peer) {
+    const PeerRef to = refOf(peer);
+    return storage.submit(
+        [&storage, &cache, to]() -> Storage::Completion {
+            TrackEvent notice;
+            notice.eventType = 1;
+            notice.additionalEventData = std::to_string(readManifestVersion());
+            return [&storage, &cache, to, bytes = encode(notice)] {
+                ENetPeer* peer = stillConnected(to);
+                if (peer == nullptr) return;
+                sendBytes(peer, kEventTrackingChannel, bytes);
+                sendAnnouncements(storage, cache, peer);
+            };
+        },
+        0, to.connection);
 }
 
 // ---- File delivery ------------------------------------------------------------
@@ -119,11 +125,11 @@ Bytes readFileData(const std::string& name, std::string& problem) {
     return message;
 }
 
-void sendFile(Storage& storage, Downloads& downloads, ENetPeer* peer, std::string name) {
+bool sendFile(Storage& storage, Downloads& downloads, ENetPeer* peer, std::string name) {
     const bool refused = !isAcceptableUpdateFileName(name);
     // Refused names get the same answer as a missing file (length 0) and one
     // error line; the file system is not touched for them at all. Their
     // answer still queues behind the peer's earlier ones.
     if (refused) logError("|||| Refused file request \"" + printable(name) + "\" from " + peerAddressText(peer));
-    queueFileRequest(storage, downloads, refOf(peer), std::move(name), refused, readFileData);
+    return queueFileRequest(storage, downloads, peer, std::move(name), refused, readFileData);
 }

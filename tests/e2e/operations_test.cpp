@@ -155,7 +155,7 @@ TEST(Operations, DataRootFromElsewhereServiceManagerMetricsAndAnOrderlySigterm) 
     // SIGHUP after the log was moved away, as logrotate does: a new file.
     std::filesystem::rename(server.root() + "/server.log", server.root() + "/server.log.1");
     kill(server.pid(), SIGHUP);
-    EXPECT_TRUE(server.waitForLog(": SIGHUP: the log file is reopened at its path; reloading the limits from ./settings/limits.conf and the bans from ./server_data/bans.txt\n"));
+    EXPECT_TRUE(server.waitForLog(": SIGHUP: the log file is reopened at its path; reloading the limits from ./settings/limits.conf, the bans from ./server_data/bans.txt and the announcements\n"));
     kill(server.pid(), SIGTERM);
     std::string last, all;
     while (last != "STOPPING=1" && last != "<none>") all += (last = notice()) + "\n";

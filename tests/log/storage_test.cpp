@@ -1,4 +1,4 @@
-// The storage worker: order, waiting for room, draining at shutdown, and
+// The storage worker: order, turns, shares, draining at shutdown, and
 // what a failed or raced disk gives.
 
 #include <gtest/gtest.h>
@@ -18,26 +18,61 @@
 #include "support/harness.h"
 #include "update/update.h"
 
-TEST(Storage, CompletionsComeBackInOrderAndAFullQueueWaitsInsteadOfDropping) {
+TEST(Storage, EachOwnersCompletionsKeepTheirOrderAndTheOwnersTakeTurns) {
     Storage storage;
     storage.start();
     std::promise<void> release;
     std::shared_future<void> gate = release.get_future().share();
-    std::vector<int> order;
+    std::vector<std::string> order;
+    // The worker is held by the server's first job while the rest queue.
     storage.submit([gate, &order]() -> Storage::Completion {
         gate.wait();
-        return [&order] { order.push_back(0); };
+        return [&order] { order.push_back("s0"); };
     });
-    int waits = 0;
-    storage.onFull = [&] {
-        if (waits++ == 0) release.set_value();
+    auto job = [&order](std::string name) {
+        return [&order, name]() -> Storage::Completion { return [&order, name] { order.push_back(name); }; };
     };
-    for (int i = 1; i <= static_cast<int>(Storage::kMaxJobs) + 1; ++i)
-        storage.submit([&order, i]() -> Storage::Completion { return [&order, i] { order.push_back(i); }; });
-    EXPECT_GE(waits, 1);  // once at least: the worker may not have taken the first job yet
-    storage.stop();  // drains: every completion has run
-    ASSERT_EQ(order.size(), Storage::kMaxJobs + 2);
-    for (std::size_t i = 0; i < order.size(); ++i) ASSERT_EQ(order[i], static_cast<int>(i));
+    for (int i = 0; i < 3; ++i) ASSERT_TRUE(storage.submit(job("a" + std::to_string(i)), 0, 7));
+    ASSERT_TRUE(storage.submit(job("b0"), 0, 8));
+    ASSERT_TRUE(storage.submit(job("s1")));
+    release.set_value();
+    storage.stop();
+    EXPECT_EQ(order, (std::vector<std::string>{"s0", "a0", "b0", "s1", "a1", "a2"}));
+}
+
+TEST(Storage, APeerPastItsShareIsRefusedAtOnceWhileOthersAndTheServerStillGetIn) {
+    Storage storage;
+    storage.setShares(Storage::Shares{.jobsPerPeer = 3, .bytesPerPeer = 100, .jobsTotal = 5, .bytesTotal = 1000});
+    storage.start();
+    std::promise<void> release;
+    std::shared_future<void> gate = release.get_future().share();
+    int ran = 0;
+    auto blocked = [gate, &ran]() -> Storage::Completion {
+        gate.wait();
+        return [&ran] { ++ran; };
+    };
+    auto quick = [&ran]() -> Storage::Completion { return [&ran] { ++ran; }; };
+    // Nothing here waits for the worker, which holds the first job until the
+    // end: every refusal is an answer at once.
+    EXPECT_TRUE(storage.submit(blocked, 500, 1));  // over the byte share, but alone
+    EXPECT_FALSE(storage.submit(quick, 0, 1));      // its bytes are spent
+    EXPECT_TRUE(storage.submit(quick, 10, 2));
+    EXPECT_TRUE(storage.submit(quick, 90, 2));
+    EXPECT_FALSE(storage.submit(quick, 1, 2));     // 101 bytes
+    EXPECT_TRUE(storage.submit(quick, 0, 2));      // a third job, no bytes
+    EXPECT_FALSE(storage.submit(quick, 0, 2));     // a fourth
+    EXPECT_TRUE(storage.submit(quick, 0, 3));
+    EXPECT_FALSE(storage.submit(quick, 0, 4));     // six jobs of peers in all
+    EXPECT_FALSE(storage.submit(quick, 600, 5));   // alone, but over the total's bytes
+    for (int i = 0; i < 2000; ++i) EXPECT_TRUE(storage.submit(quick, 1 << 20));  // the server's own
+    EXPECT_EQ(storage.pending(), 2005u);
+    release.set_value();
+    storage.stop();
+    EXPECT_EQ(ran, 2005);
+    // The shares come back as the work is done.
+    storage.start();
+    EXPECT_TRUE(storage.submit(quick, 0, 4));
+    storage.stop();
 }
 
 TEST(Storage, AFileThatCannotBeWrittenWholeLeavesNothingBehind) {

@@ -5,7 +5,7 @@
 
 #include <cstring>
 
-#include "app/connections.h"
+#include "admission/connections.h"
 #include "log/log.h"
 #include "protocol/send.h"
 #include "support/harness.h"

@@ -1,4 +1,4 @@
-#include "app/connections.h"
+#include "admission/connections.h"
 
 #include <algorithm>
 #include <cstddef>

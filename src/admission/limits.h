@@ -56,9 +56,57 @@ struct Limits {
     std::uint64_t maxWaitingBytesPerPeer = 32 * kMiB;
     // The same over all peers together; the peer holding most is dropped.
     std::uint64_t maxWaitingBytesTotal = 512 * kMiB;
-    // Update file data handed to the transport for all downloading peers
-    // together; the matches' traffic goes first, downloads share the rest.
-    std::uint64_t downloadBytesInFlight = 4 * kMiB;
+    // What the peers of one address may send together: each peer's budget
+    // above, this many times over. A household or a café shares an address,
+    // but its players do not each flood; 64 flooders from one address then
+    // get no more than this many honest players would.
+    std::uint64_t addressBudgetMultiple = 8;
+    // Bytes the server sends in answer to a peer's requests (the room list,
+    // the announcements): a request of a few bytes must not buy megabytes. A
+    // client that lists a full server every second needs some 200 KiB a
+    // second.
+    Rate replyBytes{4 * kMiB, 32 * kMiB};
+    // Lobby chat over all senders together, counted as the bytes sent out
+    // (a line times its recipients): what a line to the lobby costs grows
+    // with the lobby, and a few senders must not take the host's whole
+    // upload. A thousand people in the lobby reading a line a second from
+    // each of a few talkers need far less.
+    Rate lobbyChatBytes{4 * kMiB, 16 * kMiB};
+    // A recipient with more than this queued and unacknowledged loses lobby
+    // chat lines (counted) instead of being cut off later for falling
+    // behind: chat is the one thing a slow reader can do without.
+    std::uint64_t chatDropQueuedBytes = 1 * kMiB;
+    // Rooms: twice the peers, so that it never fires for real players, and
+    // each room is a few hundred bytes and a line in every room list. A
+    // player creates a room a few times an hour; a café a few a minute.
+    std::uint64_t maxRooms = 2048;
+    std::uint64_t roomsPerPeerPerMinute = 10;
+    std::uint64_t roomsPerAddressPerMinute = 60;
+
+    // Update file data handed to the transport, all downloading peers
+    // together: the bound on what the update service holds in memory and
+    // what the transport walks on every turn. Peers take turns, one reply
+    // each at a time, so a peer that does not take its reply holds that
+    // reply and nothing more.
+    std::uint64_t downloadBytesInFlight = 64 * kMiB;
+    // The same for the peers of one address together, so that a few
+    // connections from one address cannot take the whole of it.
+    std::uint64_t downloadBytesInFlightPerAddress = 16 * kMiB;
+    // A download that takes no acknowledgement for this long is from a
+    // peer that has gone or stopped reading: it is cut off. A slow line
+    // still acknowledges something every few seconds.
+    std::uint64_t downloadStallSeconds = 20;
+    // File requests waiting in one peer's queue: a client asks for the
+    // files of one update at a time.
+    std::uint64_t downloadRequestsPerPeer = 1024;
+    // The storage worker: jobs and bytes one peer's messages may have
+    // queued (reports, resync evidence, the manifest version). A report of
+    // the largest size always fits a peer with nothing queued.
+    std::uint64_t workerJobsPerPeer = 16;
+    std::uint64_t workerBytesPerPeer = 64 * kMiB;
+    // The announcements, read once and sent whole to every client that asks:
+    // entries past this many bytes are left out (logged when read).
+    std::uint64_t announcementsMaxBytes = 1 * kMiB;
 
     // Connections: a household or an internet café shares one address, but
     // not 64 players; a client reconnecting in a loop connects a few times a

@@ -1,9 +1,9 @@
-#include "app/bans.h"
+#include "admission/bans.h"
 
 #include <algorithm>
 #include <cctype>
 
-#include "app/setting_lines.h"
+#include "admission/setting_lines.h"
 
 namespace {
 

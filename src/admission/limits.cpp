@@ -1,8 +1,8 @@
-#include "app/limits.h"
+#include "admission/limits.h"
 
 #include <cctype>
 
-#include "app/setting_lines.h"
+#include "admission/setting_lines.h"
 
 namespace {
 
@@ -25,13 +25,28 @@ std::vector<Entry> entries() {
     e.push_back({"reports_bytes_burst", nullptr, -1, true, &Limits::reportBytes});
     e.push_back({"update_bytes_per_second", nullptr, -1, false, &Limits::updateBytes});
     e.push_back({"update_bytes_burst", nullptr, -1, true, &Limits::updateBytes});
+    e.push_back({"reply_bytes_per_second", nullptr, -1, false, &Limits::replyBytes});
+    e.push_back({"reply_bytes_burst", nullptr, -1, true, &Limits::replyBytes});
+    e.push_back({"lobby_chat_bytes_per_second", nullptr, -1, false, &Limits::lobbyChatBytes});
+    e.push_back({"lobby_chat_bytes_burst", nullptr, -1, true, &Limits::lobbyChatBytes});
     const std::pair<const char*, std::uint64_t Limits::*> plain[] = {
         {"overbudget_disconnect_seconds", &Limits::overbudgetDisconnectSeconds},
         {"malformed_lines_per_peer", &Limits::malformedLinesPerPeer},
         {"max_outgoing_bytes_per_peer", &Limits::maxOutgoingBytesPerPeer},
         {"max_waiting_bytes_per_peer", &Limits::maxWaitingBytesPerPeer},
         {"max_waiting_bytes_total", &Limits::maxWaitingBytesTotal},
+        {"address_budget_multiple", &Limits::addressBudgetMultiple},
+        {"chat_drop_queued_bytes", &Limits::chatDropQueuedBytes},
+        {"max_rooms", &Limits::maxRooms},
+        {"rooms_per_peer_per_minute", &Limits::roomsPerPeerPerMinute},
+        {"rooms_per_address_per_minute", &Limits::roomsPerAddressPerMinute},
         {"download_bytes_in_flight", &Limits::downloadBytesInFlight},
+        {"download_bytes_in_flight_per_address", &Limits::downloadBytesInFlightPerAddress},
+        {"download_stall_seconds", &Limits::downloadStallSeconds},
+        {"download_requests_per_peer", &Limits::downloadRequestsPerPeer},
+        {"worker_jobs_per_peer", &Limits::workerJobsPerPeer},
+        {"worker_bytes_per_peer", &Limits::workerBytesPerPeer},
+        {"announcements_max_bytes", &Limits::announcementsMaxBytes},
         {"max_peers_per_address", &Limits::maxPeersPerAddress},
         {"connects_per_address_per_minute", &Limits::connectsPerAddressPerMinute},
         {"reports_bytes_per_day", &Limits::reportsBytesPerDay},

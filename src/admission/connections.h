@@ -10,8 +10,8 @@
 
 #include <enet/enet.h>
 
-#include "app/bans.h"
-#include "app/budgets.h"
+#include "admission/bans.h"
+#include "admission/budgets.h"
 
 // The connect ID of a datagram that ENet would take as a request for a new
 // connection (addressed to no peer, its first command a whole CONNECT);

@@ -1,4 +1,4 @@
-#include "app/setting_lines.h"
+#include "admission/setting_lines.h"
 
 #include <cctype>
 #include <cstdio>
