@@ -16,7 +16,12 @@
 #include "platform/files.h"
 #include "platform/storage.h"
 #include "support/harness.h"
+#include "reports/reports.h"
 #include "update/update.h"
+
+namespace {
+std::string error(const std::string& text) { return "#### ERROR \n" + text + "\n####"; }
+}  // namespace
 
 TEST(Storage, EachOwnersCompletionsKeepTheirOrderAndTheOwnersTakeTurns) {
     Storage storage;
@@ -157,4 +162,81 @@ TEST(Service, ACompletionFromTheWorkerIsNoNetworkActivity) {
     enet_host_destroy(server.host);
     server.host = nullptr;
     enet_deinitialize();
+}
+
+namespace {
+// The worker held by a job of the server's own until release() is called.
+struct HeldWorker {
+    std::promise<void> gate;
+    explicit HeldWorker(Storage& storage) {
+        storage.submit([f = gate.get_future().share()]() -> Storage::Completion {
+            f.wait();
+            return {};
+        });
+    }
+    void release() { gate.set_value(); }
+};
+}  // namespace
+
+TEST(Storage, ReportsPastAPeersShareAreAnsweredAtOnceWhileTheWorkerIsBusy) {
+    TempDataRoot root;
+    Harness h;
+    h.server.limits.messages[static_cast<std::size_t>(Group::reports)] = {};
+    h.server.limits.reportsPerPeerPerHour = 0;
+    h.server.limits.workerJobsPerPeer = 3;
+    applyLimits(h.server);
+    h.connect(0);
+    h.connect(1);
+    h.server.storage.start();
+    HeldWorker held(h.server.storage);
+    const Bytes report = encode(FeedbackReport{1, "p", "c", "d", "t"});
+    const Bytes written = encode(ReportReply{1, "Feedback received succesfully! Thank you!"});
+    const Bytes unwritten = encode(ReportReply{1, "Failed to write feedback texts"});
+    h.takeLogs();
+    // Nothing here waits for the worker: past its three jobs, peer 0 is
+    // answered at once, and peer 1 still gets its own three in.
+    for (int i = 0; i < 5; ++i) h.receive(0, kReportsChannel, report);
+    h.receive(1, kReportsChannel, report);
+    EXPECT_EQ(h.takeSent(), toEach({0, 0}, kReportsChannel, unwritten));
+    EXPECT_EQ(h.takeLogs(), std::vector<std::string>{error(
+                                "|||| Report from 10.0.0.1:5000 not written: over worker_jobs_per_peer or "
+                                "worker_bytes_per_peer")});
+    held.release();
+    h.server.storage.drain();
+    // The two peers take turns with the worker.
+    EXPECT_EQ(h.takeSent(), toEach({0, 1, 0, 0}, kReportsChannel, written));
+    h.server.storage.stop();
+}
+
+TEST(Downloads, PeersTakeTurnsOneReplyEachAndAGonePeerGivesItsBytesBack) {
+    TempDataRoot root;
+    std::filesystem::create_directories(root / "server_data/update_data");
+    for (const char* name : {"a", "b", "c", "d"}) std::ofstream(root / "server_data/update_data" / name) << name;
+    Harness h;
+    for (std::size_t i = 0; i < 3; ++i) h.connect(i);
+    h.server.storage.start();
+    HeldWorker held(h.server.storage);
+    auto request = [&](std::size_t peer, const std::string& name) {
+        h.receive(peer, kFileUpdateChannel, encode(FileRequest{1, name}));
+    };
+    // Peer 0 asks for three files before peer 1 asks for one: peer 0's first
+    // is being read, then the turns go 0, 1, 0. Peer 2 leaves before its
+    // turn and is dropped unread.
+    request(0, "a");
+    request(0, "b");
+    request(0, "c");
+    request(1, "d");
+    request(2, "a");
+    h.disconnect(2);
+    held.release();
+    h.server.storage.drain();
+    std::vector<std::pair<std::size_t, std::string>> order;
+    for (const Sent& s : h.takeSent())
+        if (s.channel == kFileUpdateChannel) order.emplace_back(s.peer, decode<FileData>(s.bytes)->name);
+    EXPECT_EQ(order, (std::vector<std::pair<std::size_t, std::string>>{{0, "a"}, {0, "b"}, {1, "d"}, {0, "c"}}));
+    EXPECT_EQ(h.server.downloads.inFlight, 0u);
+    EXPECT_TRUE(h.server.downloads.inFlightByAddress.empty());
+    EXPECT_TRUE(h.server.downloads.turns.empty());
+    EXPECT_EQ(h.server.downloads.peers.count(h.peer(2)), 0u);
+    h.server.storage.stop();
 }
