@@ -10,6 +10,7 @@ pid=""
 DESTDIR="$work/dest" cmake --install "$build" --prefix /usr >/dev/null
 expected="etc/lockstep-server/limits.conf
 etc/lockstep-server/server.config
+usr/bin/lockstep-probe
 usr/bin/lockstep-server
 usr/lib/systemd/system/lockstep-server@.service
 usr/share/doc/lockstep-server/README.md
@@ -54,6 +55,10 @@ for _ in $(seq 100); do
   sleep 0.05
 done
 grep -q ": Enet server created at 0:" "$work/root/server.log"
+# The installed probe finds it answering.
+port="$(sed -n 's/^: Enet server created at 0:\([0-9]*\)$/\1/p' "$work/root/server.log")"
+"$work/dest/usr/bin/lockstep-probe" "127.0.0.1:$port" | grep -q "^127.0.0.1:$port answered: \"\(.*\)\"$" \
+  || { echo "installed probe"; exit 1; }
 kill -TERM "$pid"
 wait "$pid"
 status=$?
