@@ -27,6 +27,12 @@ for f in $expected; do
 done
 grep -q '^ExecStart=/usr/bin/lockstep-server --data-root /var/lib/lockstep-server/%i$' \
   "$work/dest/usr/lib/systemd/system/lockstep-server@.service" || { echo "unit ExecStart"; exit 1; }
+# A reload re-reads the limits and bans; a port that cannot be opened is not
+# retried for ever.
+grep -qx 'ExecReload=/bin/kill -HUP $MAINPID' "$work/dest/usr/lib/systemd/system/lockstep-server@.service" \
+  || { echo "unit ExecReload"; exit 1; }
+grep -qx 'RestartPreventExitStatus=1 2' "$work/dest/usr/lib/systemd/system/lockstep-server@.service" \
+  || { echo "unit RestartPreventExitStatus"; exit 1; }
 # Nothing in the announcements of the example: every entry there is sent to clients.
 [ -z "$(ls -A "$work/dest/usr/share/lockstep-server/example/server_data/announcements")" ]
 
