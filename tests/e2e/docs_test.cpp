@@ -91,3 +91,29 @@ TEST(Docs, ProtocolNamesEveryMessageOfTheDispatchTable) {
     EXPECT_GE(messages.size(), 20u);
     for (const std::string& message : messages) EXPECT_TRUE(mentions(doc, message)) << message << " is not documented";
 }
+
+// The texts the server sends are listed byte for byte: every quoted text of
+// that section is in the source, the parts around its placeholders (NAME, N)
+// each as they stand.
+TEST(Docs, ProtocolTextsAreTheServersOwn) {
+    const std::string doc = readSource("docs/protocol.md");
+    const std::size_t begin = doc.find("## Texts the server sends");
+    ASSERT_NE(begin, std::string::npos);
+    const std::string section = doc.substr(begin, doc.find("\n## ", begin + 1) - begin);
+    std::string source;
+    const std::filesystem::path root = std::filesystem::path(LOCKSTEP_SOURCE_DIR);
+    for (const auto& entry : std::filesystem::recursive_directory_iterator(root / "src")) {
+        if (entry.is_regular_file()) source += readSource(entry.path().lexically_relative(root).string());
+    }
+    const std::set<std::string> texts = matches(section, std::regex("\"([^\"|]+)\""));
+    EXPECT_GE(texts.size(), 15u);
+    const std::regex placeholder("\\bNAME\\b|\\bN\\b");
+    for (const std::string& text : texts) {
+        for (std::sregex_token_iterator it(text.begin(), text.end(), placeholder, -1), end; it != end; ++it) {
+            const std::string part = *it;
+            if (!part.empty()) {
+                EXPECT_NE(source.find(part), std::string::npos) << "\"" << text << "\": " << part;
+            }
+        }
+    }
+}
