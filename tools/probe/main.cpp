@@ -224,6 +224,6 @@ int main(int argc, char** argv) {
     std::printf("protocol version %u; %u matches running with %u players; %u players in other rooms; %u in no room\n",
                 status->protocolVersion, status->runningRooms, status->playersInRunningRooms,
                 status->playersInOtherRooms, status->playersInNoRoom);
-    std::printf("round trip %.1f ms (connect %.1f ms)\n", roundTripMs, connectMs);
+    std::printf("round trip %.2f ms (connect %.2f ms)\n", roundTripMs, connectMs);
     return 0;
 }
