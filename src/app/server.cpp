@@ -82,6 +82,10 @@ bool startServer(Server& server) {
     address.port = config.port;
     server.host = enet_host_create(&address, kMaxPeers, kChannelCount, 0, 0);
     if (server.host == nullptr) {
+        // Said where a service manager shows it: most often another instance
+        // holds the port, and restarting will not help.
+        std::fprintf(stderr, "lockstep-server: cannot open UDP port %u; is another server using it?\n",
+                     static_cast<unsigned>(config.port));
         logError("|||| An error occurred while trying to create an ENet server host.\n");
         return false;
     }

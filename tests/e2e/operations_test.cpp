@@ -54,7 +54,8 @@ TEST(Binary, LogFromStartToStopConnectionsTextAndASecondServerOnThePort) {
     EXPECT_EQ(second.consoleErrors(), "lockstep-server: warning: no server_data/ here; the data root is the parent "
                                       "directory\nlockstep-server: warning: settings/server.config: port " +
                                           std::to_string(server.port() + 65536) + " is above 65535; listening on " +
-                                          std::to_string(server.port()) + " (its low 16 bits)\n");
+                                          std::to_string(server.port()) + " (its low 16 bits)\nlockstep-server: cannot open "
+                                          "UDP port " + std::to_string(server.port()) + "; is another server using it?\n");
     EXPECT_EQ(second.log().rfind(": ## Starting log\n: path: ../\n", 0), 0u) << second.log();
     EXPECT_NE(second.log().find(": #### ERROR \n|||| An error occurred while trying to create an ENet server "
                                 "host.\n\n####\n"),

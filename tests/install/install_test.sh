@@ -10,6 +10,7 @@ pid=""
 DESTDIR="$work/dest" cmake --install "$build" --prefix /usr >/dev/null
 expected="etc/lockstep-server/limits.conf
 etc/lockstep-server/server.config
+usr/bin/lockstep-probe
 usr/bin/lockstep-server
 usr/lib/systemd/system/lockstep-server@.service
 usr/share/doc/lockstep-server/README.md
@@ -26,6 +27,12 @@ for f in $expected; do
 done
 grep -q '^ExecStart=/usr/bin/lockstep-server --data-root /var/lib/lockstep-server/%i$' \
   "$work/dest/usr/lib/systemd/system/lockstep-server@.service" || { echo "unit ExecStart"; exit 1; }
+# A reload re-reads the limits and bans; a port that cannot be opened is not
+# retried for ever.
+grep -qx 'ExecReload=/bin/kill -HUP $MAINPID' "$work/dest/usr/lib/systemd/system/lockstep-server@.service" \
+  || { echo "unit ExecReload"; exit 1; }
+grep -qx 'RestartPreventExitStatus=1 2' "$work/dest/usr/lib/systemd/system/lockstep-server@.service" \
+  || { echo "unit RestartPreventExitStatus"; exit 1; }
 # Nothing in the announcements of the example: every entry there is sent to clients.
 [ -z "$(ls -A "$work/dest/usr/share/lockstep-server/example/server_data/announcements")" ]
 
@@ -54,6 +61,10 @@ for _ in $(seq 100); do
   sleep 0.05
 done
 grep -q ": Enet server created at 0:" "$work/root/server.log"
+# The installed probe finds it answering.
+port="$(sed -n 's/^: Enet server created at 0:\([0-9]*\)$/\1/p' "$work/root/server.log")"
+"$work/dest/usr/bin/lockstep-probe" "127.0.0.1:$port" | grep -q "^127.0.0.1:$port answered: \"\(.*\)\"$" \
+  || { echo "installed probe"; exit 1; }
 kill -TERM "$pid"
 wait "$pid"
 status=$?
