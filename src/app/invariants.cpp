@@ -1,5 +1,6 @@
 #include "app/invariants.h"
 
+#include <map>
 #include <set>
 
 std::string brokenInvariant(const Server& s) {
@@ -31,5 +32,12 @@ std::string brokenInvariant(const Server& s) {
         if (s.budgets.count(p) == 0) return "a registered peer has no budget";
     }
     if (s.budgets.size() != s.peers.size()) return "a budget outlives its peer";
+    std::map<std::uint32_t, std::uint64_t> perAddress;
+    for (ENetPeer* p : s.peers) perAddress[p->address.host] += 1;
+    if (perAddress.size() != s.addressBudgets.size()) return "an address budget without peers, or peers without one";
+    for (const auto& [address, budget] : s.addressBudgets)
+        if (perAddress[address] != budget.peers) return "an address budget counts its peers wrong";
+    for (const auto& [peer, d] : s.downloads.peers)
+        if (s.peers.count(peer) == 0) return "downloads kept for a peer that is gone";
     return {};
 }
