@@ -103,6 +103,11 @@ int main(int argc, char** argv) {
         f.add(1, 1, encode(Text{"hello"}));
         f.add(1, 0, header(4));
         write(root / "lobby", "room_traffic", f.bytes);
+        Exchange x{{0, 1}};
+        x.add(1, 0, encode(ExtensionsHello{.version = 1, .features = {"rejoin", "spectate"}}));
+        startMatch(x);
+        x.add(2, 0, encode(ExtensionsHello{.version = 7, .features = {}}));
+        write(root / "lobby", "extensions_hello", x.bytes);
     }
     {
         Exchange e{{0, 2, 3}};
@@ -148,6 +153,7 @@ int main(int argc, char** argv) {
             s.insert(s.end(), {2, peer, channel, static_cast<std::uint8_t>(b.size())});
             s.insert(s.end(), b.begin(), b.end());
         };
+        packet(1, 0, encode(ExtensionsHello{.version = 1, .features = {"x"}}));
         packet(0, 0, encode(CreateRoom{.name = "r", .dataset = "d", .datasetChecksum = 1}));
         packet(1, 0, encode(JoinRoom{.roomId = 1}));
         packet(0, 0, setup(0, 1, "a"));

@@ -108,6 +108,14 @@ struct Limits {
     // entries past this many bytes are left out (logged when read).
     std::uint64_t announcementsMaxBytes = 1 * kMiB;
 
+    // Recordings (--record): one match's file, the whole directory (the
+    // oldest recordings go first), and what one recording may hold in
+    // memory before the disk (past it the recording stops, the match goes
+    // on). A match of eight players makes some 100 KiB a minute.
+    std::uint64_t recordingMaxBytes = 256 * kMiB;
+    std::uint64_t recordingsMaxBytes = 8 * 1024 * kMiB;
+    std::uint64_t recordingPendingBytes = 8 * kMiB;
+
     // Connections: a household or an internet café shares one address, but
     // not 64 players; a client reconnecting in a loop connects a few times a
     // minute.

@@ -1,5 +1,6 @@
 #include "app/dispatch.h"
 
+#include <algorithm>
 #include <optional>
 #include <string>
 
@@ -116,6 +117,25 @@ void onRoomListRequest(const Incoming& in, RoomListRequest& m) {
 }
 void onGameSettings(const Incoming& in, GameSettings& m) { updateGameSettings(in.server.rooms, in.peer, std::move(m)); }
 void onStartGame(const Incoming& in, StartGame&) { requestStart(in.server.rooms, in.peer); }
+
+// ---- Extensions ----
+// The features this server can grant, each switched on by its option. None
+// is offered yet: every client gets the empty grant, and that answer tells
+// it that the server speaks extensions at all.
+std::vector<std::string> grantableFeatures(const Server&) { return {}; }
+
+void onExtensionsHello(const Incoming& in, ExtensionsHello& m) {
+    auto* info = static_cast<PeerInfo*>(in.peer->data);
+    info->extensionsVersion = std::min(m.version, kExtensionsVersion);
+    ExtensionsGranted granted;
+    granted.version = kExtensionsVersion;
+    const std::vector<std::string> grantable = grantableFeatures(in.server);
+    for (const std::string& feature : m.features)
+        if (std::find(grantable.begin(), grantable.end(), feature) != grantable.end() &&
+            std::find(granted.features.begin(), granted.features.end(), feature) == granted.features.end())
+            granted.features.push_back(feature);
+    sendBytes(in.peer, kLobbyChannel, encode(granted));
+}
 
 // ---- Text ----
 // A line to a room goes to its few players. A line to the lobby goes to
@@ -256,6 +276,7 @@ constexpr Route kRoutes[] = {
     {kLobbyChannel, RoomListRequest::kType, decoded<RoomListRequest, onRoomListRequest>},
     {kLobbyChannel, GameSettings::kType, decoded<GameSettings, onGameSettings>},
     {kLobbyChannel, StartGame::kType, decoded<StartGame, onStartGame>},
+    {kLobbyChannel, ExtensionsHello::kType, decoded<ExtensionsHello, onExtensionsHello>},
     {kMatchControlChannel, LeaveMatch::kType, decoded<LeaveMatch, onLeaveMatch>},
     {kMatchControlChannel, DelayHold::kType, seated<DelayHold, onDelayHold>},
     {kMatchControlChannel, DelayRequest::kType, seated<DelayRequest, onDelayRequest>},

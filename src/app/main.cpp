@@ -174,6 +174,7 @@ int main(int argc, char** argv) {
     auto server = std::make_unique<Server>();
     server->limitsFile = limitsFile;
     server->limitsFileNamed = options.limitsFile.has_value();
+    if (options.recordDirectory) server->recordings.directory = *options.recordDirectory;
     if (!startServer(*server)) {
         // Every thread is stopped and joined before the process ends, so
         // the exit status is the 1 of a failed start, not an abort.

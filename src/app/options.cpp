@@ -25,12 +25,14 @@ bool parseHostPort(const std::string& text, std::string& host, std::uint16_t& po
 int parseOptions(int argc, char** argv, Options& options) {
     CLI::App app{"Dedicated lockstep game server: lobby, order relay, reports and update files over ENet."};
     app.set_version_flag("--version", std::string("lockstep-server ") + LOCKSTEP_VERSION);
-    std::string dataRoot, metrics, limits;
+    std::string dataRoot, metrics, limits, record;
     app.add_option("--data-root", dataRoot,
                    "Directory to run in; it becomes the data root (server_data/ is created when missing)");
     app.add_option("--metrics", metrics, "Serve Prometheus metrics over HTTP at ADDR:PORT (off by default)")
         ->type_name("ADDR:PORT");
     app.add_option("--limits", limits, "Read the limits from FILE instead of settings/limits.conf")->type_name("FILE");
+    app.add_option("--record", record, "Record every match that starts, one file each, in DIR (off by default)")
+        ->type_name("DIR");
     try {
         app.parse(argc, argv);
     } catch (const CLI::CallForHelp& e) {
@@ -51,6 +53,7 @@ int parseOptions(int argc, char** argv, Options& options) {
     }
     // Named from where the server was started, before it enters its data root.
     if (!limits.empty()) options.limitsFile = std::filesystem::absolute(limits).string();
+    if (!record.empty()) options.recordDirectory = std::filesystem::absolute(record).lexically_normal().string();
     if (!metrics.empty()) {
         std::string host;
         std::uint16_t port = 0;

@@ -11,6 +11,8 @@ struct Options {
     std::optional<std::string> metricsHost;
     std::uint16_t metricsPort = 0;
     std::optional<std::string> limitsFile;
+    // Where every match that starts is recorded (absolute).
+    std::optional<std::string> recordDirectory;
 };
 
 // Returns -1 to go on, or the exit status to end with at once (0 after

@@ -76,6 +76,8 @@ bool startServer(Server& server) {
     server.serverDescription = config.description;
     server.statisticsEnabled = config.statisticsEnabled;
     server.rooms.nextRoomId = 1;
+    server.rooms.recordings = &server.recordings;
+    server.recordings.serverVersion = LOCKSTEP_VERSION;
 
     ENetAddress address;
     address.host = ENET_HOST_ANY;
@@ -128,6 +130,9 @@ void applyLimits(Server& server) {
     server.downloads.stallMicros = l.downloadStallSeconds * 1'000'000;
     server.downloads.maxWaitingPerPeer = l.downloadRequestsPerPeer;
     server.announcements.maxBytes = l.announcementsMaxBytes;
+    server.recordings.limits.maxFileBytes = l.recordingMaxBytes;
+    server.recordings.limits.maxDirectoryBytes = l.recordingsMaxBytes;
+    server.recordings.limits.maxPendingBytes = l.recordingPendingBytes;
     Storage::Shares shares;
     shares.jobsPerPeer = l.workerJobsPerPeer;
     shares.bytesPerPeer = l.workerBytesPerPeer;
@@ -139,6 +144,7 @@ void applyLimits(Server& server) {
 void stopServer(Server& server) {
     printNetworkReport(server.host, server.bytesReceived);
     if (server.statisticsEnabled) dumpStatistics(server.storage, server.statistics, "close");
+    for (auto& [id, room] : server.rooms.byId) endRecording(server.storage, room->match, 1);
     // Every queued write lands, and is logged, before the rooms and peers go.
     server.storage.stop();
     server.rooms.seats.clear();

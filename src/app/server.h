@@ -60,6 +60,9 @@ struct Server {
     // When the downloads were last looked at for stalls (steadyMicros).
     std::uint64_t stallCheckMicros = 0;
     AnnouncementsCache announcements;
+    // --record: where matches are recorded (the rooms point here).
+    Recordings recordings;
+    std::uint64_t recordingFlushMicros = 0;
     // Every file written or update file read goes through here. Declared
     // last, so it is drained while everything its completions reach exists.
     Storage storage;

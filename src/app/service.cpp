@@ -20,8 +20,10 @@ void checkPeriodicDump(Server& server, const std::tm& local) {
 }
 
 void runRoomWork(Server& server) {
-    if (std::unique_ptr<Room> deleted = deleteEmptyRoom(server.rooms))
+    if (std::unique_ptr<Room> deleted = deleteEmptyRoom(server.rooms)) {
+        endRecording(server.storage, deleted->match, 0);
         if (server.statisticsEnabled && deleted->running) recordFinishedGame(server.statistics, *deleted);
+    }
     checkRoomStarts(server.rooms);
     for (auto& [id, room] : server.rooms.byId)
         if (room->running) adaptOrderDelay(room->match, seatPeers(*room));
@@ -119,6 +121,11 @@ bool serviceStep(Server& server) {
             cutOff(server, peer);
         }
     if (roomWorkDue()) runRoomWork(server);
+    // Recorded matches hand their records to the worker in batches, about
+    // ten a second: a write per order would cost the worker, and a batch a
+    // second would hold more of a busy match in memory.
+    if (!server.recordings.directory.empty() && due(server.recordingFlushMicros, 100'000))
+        for (auto& [id, room] : server.rooms.byId) flushRecording(server.storage, room->match);
     cutOffPeersOverLimit(server);
     if (waitingCheckDue()) cutOffOverWaitingTotal(server);
     return handled;

@@ -54,6 +54,12 @@ void declareDesync(Match& match, const Seating& seating, std::uint32_t step) {
     sendTextToSeated(seating.peers, "Desync detected... attempting resync...");
     match.desyncCount += 1;
     metrics().desyncs.fetch_add(1, std::memory_order_relaxed);
+    if (match.recording)
+        record(match, RecordType::desync,
+               Writer().u32(step).u32(match.desyncCount)
+                   .str("server_data/resyncs/room" + std::to_string(seating.roomId) + "_desync" +
+                        std::to_string(match.desyncCount))
+                   .take());
     if (match.desyncCount >= kDesyncCountShown)
         sendTextToSeated(seating.peers, "This is desync number " + std::to_string(match.desyncCount) +
                                             ". Consider quitting match if this happens too often");

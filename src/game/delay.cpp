@@ -32,6 +32,8 @@ void decide(Match& match, const SeatPeers& seats) {
             sendToSeated(seats, kMatchControlChannel, encode(DelayDecrease{}));
             match.orderDelay = match.orderDelay > kMinOrderDelay ? match.orderDelay - 1 : kMinOrderDelay;
             match.delayCooldown = kPassesPerDecision;
+            if (match.recording)
+                record(match, RecordType::delay, Writer(12).u32(match.lastCompletedStep).u32(2).u32(match.orderDelay).take());
         }
     }
     if (match.lagReports != 0 && match.delayHold == 0 && match.lastCompletedStep > kStepsBeforeLengthening) {
@@ -40,6 +42,8 @@ void decide(Match& match, const SeatPeers& seats) {
         match.orderDelay = std::min(match.orderDelay + 1, kMaxOrderDelay);
         match.delayCooldown = kPassesPerDecision;
         match.maxOrderDelay = std::max(match.maxOrderDelay, match.orderDelay);
+        if (match.recording)
+            record(match, RecordType::delay, Writer(12).u32(match.lastCompletedStep).u32(1).u32(match.orderDelay).take());
     }
 }
 

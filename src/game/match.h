@@ -6,11 +6,13 @@
 #include <array>
 #include <cstdint>
 #include <map>
+#include <memory>
 #include <string>
 #include <vector>
 
 #include <enet/enet.h>
 
+#include "game/recording.h"
 #include "platform/storage.h"
 #include "protocol/messages.h"
 #include "protocol/send.h"
@@ -62,6 +64,8 @@ struct Match {
     std::map<std::uint32_t, std::uint64_t> stepFirstReportMicros;
     std::map<std::uint32_t, ChecksumRecord> checksumRecords;  // by step
     SlotFlags resyncPending{};
+    // While the match is recorded (--record).
+    std::unique_ptr<Recording> recording;
 };
 
 // ---- Relay (relay.cpp) ----

@@ -63,6 +63,8 @@ struct RoomRegistry {
     std::map<std::uint32_t, std::unique_ptr<Room>> byId;
     std::uint32_t nextRoomId = 1;
     std::unordered_map<const ENetPeer*, Seat> seats;
+    // Where matches are recorded as they start; null: none are.
+    Recordings* recordings = nullptr;
 };
 
 // The room and slot of a seated peer, or nullptr.

@@ -6,6 +6,7 @@
 
 #include "lobby/lobby.h"
 #include "log/log.h"
+#include "platform/clock.h"
 
 namespace {
 
@@ -59,7 +60,7 @@ void startRoom(RoomRegistry& rooms, Room& room) {
 }
 
 // Every human with a record has confirmed: the match runs.
-void checkRunning(Room& room) {
+void checkRunning(RoomRegistry& rooms, Room& room) {
     if (!room.started || room.running) return;
     for (std::size_t i = 0; i < kSlotCount; ++i) {
         const Slot& slot = room.slots[i];
@@ -68,6 +69,21 @@ void checkRunning(Room& room) {
     room.running = true;
     for (const Slot& slot : room.slots)
         if (slot.peer != nullptr && slot.info != nullptr) room.matchPlayerNames.push_back(slot.info->playerName);
+    if (rooms.recordings != nullptr && !rooms.recordings->directory.empty()) {
+        RecordingHeader header;
+        header.roomId = room.id;
+        header.roomName = room.name;
+        header.dataset = room.dataset;
+        header.datasetChecksum = room.datasetChecksum;
+        header.settings = room.settings.bytes;
+        for (std::uint32_t i = 0; i < kSlotCount; ++i)
+            if (const Slot& slot = room.slots[i]; slot.peer != nullptr && slot.info != nullptr)
+                header.players.push_back(RecordedPlayer{i, slot.info->playerTag, slot.info->startLocation,
+                                                        slot.info->playerName});
+        header.serverVersion = rooms.recordings->serverVersion;
+        header.startUnix = static_cast<std::uint64_t>(unixNow());
+        room.match.recording = beginRecording(*rooms.recordings, header, steadyMicros());
+    }
     sendToHumans(room, kLobbyChannel, encode(StartGame{}));
 }
 
@@ -100,7 +116,7 @@ void checkRoomStart(RoomRegistry& rooms, Room& room) {
     }
     // Also right after a successful start: humans who confirmed during
     // earlier attempts need no further StartGame.
-    checkRunning(room);
+    checkRunning(rooms, room);
 }
 
 }  // namespace

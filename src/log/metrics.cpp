@@ -125,6 +125,13 @@ std::string renderMetrics(std::int64_t nowUnix, std::uint64_t nowMicros) {
     family(out, "lockstep_chat_lines_dropped_total", "counter",
            "Lobby chat lines not sent to a recipient with too much queued.");
     sample(out, "lockstep_chat_lines_dropped_total", m.chatLinesDropped.load());
+    family(out, "lockstep_recordings_written_total", "counter", "Matches recorded whole (--record).");
+    sample(out, "lockstep_recordings_written_total", m.recordingsWritten.load());
+    family(out, "lockstep_recording_bytes_total", "counter", "Bytes of recordings written.");
+    sample(out, "lockstep_recording_bytes_total", m.recordingBytes.load());
+    family(out, "lockstep_recordings_lost_total", "counter",
+           "Recordings stopped short: the disk fell behind, a cap was reached or a write failed.");
+    sample(out, "lockstep_recordings_lost_total", m.recordingsLost.load());
     perChannel(out, "lockstep_messages_received_total", "Packets received, by channel.", m.messagesIn);
     perChannel(out, "lockstep_received_bytes_total", "Packet bytes received, by channel.", m.bytesIn);
     perChannel(out, "lockstep_messages_sent_total", "Packets sent (one per recipient), by channel.", m.messagesOut);

@@ -56,6 +56,11 @@ struct MetricsCounters {
     std::atomic<std::uint64_t> loopWakeups{0};
     // Lobby chat lines not sent to a recipient that had too much queued.
     std::atomic<std::uint64_t> chatLinesDropped{0};
+    // Matches recorded (--record): whole, their bytes written, and those
+    // that stopped short (fell behind, hit their cap, or a write failed).
+    std::atomic<std::uint64_t> recordingsWritten{0};
+    std::atomic<std::uint64_t> recordingBytes{0};
+    std::atomic<std::uint64_t> recordingsLost{0};
     // Published by the main loop from time to time.
     std::atomic<std::uint64_t> peersConnected{0};
     std::atomic<std::uint64_t> rooms{0};

@@ -227,6 +227,39 @@ struct RoomPlayerNames {
     }
 };
 
+// ---- Extensions (channel 0, a type word the lobby does not otherwise use) ----
+
+// The version of the extensions this server speaks, and the caps on what a
+// client may ask for: far more features than exist, each a short name.
+inline constexpr std::uint32_t kExtensionsVersion = 1;
+inline constexpr std::size_t kMaxFeatures = 32;
+inline constexpr std::size_t kMaxFeatureNameLength = 64;
+
+// The capability handshake: the client names the extensions version it
+// speaks and the features it wants; the server answers with the same type
+// word, its own version and the features it grants (only those switched on).
+struct ExtensionsHello {
+    LOCKSTEP_MESSAGE(100, "ExtensionsHello");
+    std::uint32_t version = kExtensionsVersion;
+    std::vector<std::string> features;
+    template <typename F, typename M>
+    static void fields(F& f, M& m) {
+        f.u32(m.secondWord), f.u32(m.version);
+        f.list(m.features, 1, [](auto& g, auto& name) { g.str(name, kMaxFeatureNameLength); }, kMaxFeatures);
+    }
+};
+
+struct ExtensionsGranted {
+    LOCKSTEP_MESSAGE(100, "ExtensionsGranted");
+    std::uint32_t version = kExtensionsVersion;
+    std::vector<std::string> features;
+    template <typename F, typename M>
+    static void fields(F& f, M& m) {
+        f.u32(m.secondWord), f.u32(m.version);
+        f.list(m.features, 1, [](auto& g, auto& name) { g.str(name, kMaxFeatureNameLength); }, kMaxFeatures);
+    }
+};
+
 // The host's settings; kept as the exact bytes like PlayerSetup.
 struct GameSettings {
     LOCKSTEP_MESSAGE(13, "GameSettings");

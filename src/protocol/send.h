@@ -88,6 +88,9 @@ struct PeerInfo {
     // Over the outgoing limit: nothing more is sent to it, and the loop
     // disconnects it once the message at hand is done.
     bool overOutgoingLimit = false;
+    // The extensions version the peer said it speaks; 0: it never asked, and
+    // it is served exactly as a client that knows no extensions.
+    std::uint32_t extensionsVersion = 0;
 };
 
 // Bytes queued for sending to one peer (delivered to ENet but not yet

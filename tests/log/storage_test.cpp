@@ -17,6 +17,7 @@
 #include "platform/storage.h"
 #include "support/harness.h"
 #include "reports/reports.h"
+#include "lobby/lobby.h"
 #include "update/update.h"
 
 namespace {
@@ -239,4 +240,47 @@ TEST(Downloads, PeersTakeTurnsOneReplyEachAndAGonePeerGivesItsBytesBack) {
     EXPECT_TRUE(h.server.downloads.turns.empty());
     EXPECT_EQ(h.server.downloads.peers.count(h.peer(2)), 0u);
     h.server.storage.stop();
+}
+
+TEST(Recording, ARecordingThatFallsBehindTheDiskStopsMarkedAndTheRelayGoesOn) {
+    TempDataRoot root;
+    Harness h;
+    h.server.rooms.recordings = &h.server.recordings;
+    h.server.recordings.directory = (root / "rec").string();
+    h.server.recordings.limits.maxPendingBytes = 2000;
+    Room& room = h.roomOfReady(2);
+    h.lobby(0, StartGame{});
+    h.step();
+    h.lobby(0, StartGame{});
+    h.lobby(1, StartGame{});
+    h.step();
+    ASSERT_TRUE(room.running);
+    h.server.storage.start();
+    HeldWorker held(h.server.storage);
+    h.takeSent();
+    h.takeLogs();
+    // The disk takes nothing while orders keep coming: the first batches go
+    // to the worker and wait there; past 2,000 bytes the recording stops.
+    const Bytes order = Writer().u32(1).u32(3).u32(0).u32(0).u32(5).u32(0).u32(0).u32(0).u32(0).u32(0).u32(0).u8(0)
+                            .str(std::string(200, 'o')).take();
+    for (int i = 0; i < 20; ++i) {
+        h.receive(0, kOrderChannel, order);
+        flushRecording(h.server.storage, room.match);
+    }
+    EXPECT_EQ(h.takeSent().size(), 20u);  // every order relayed
+    EXPECT_EQ(h.takeLogs(), std::vector<std::string>{error(
+                                "|||| Recording of room 1 stopped: the disk fell behind (recording_pending_bytes, 2000 "
+                                "bytes). The match goes on")});
+    held.release();
+    endRecording(h.server.storage, room.match, 1);
+    h.server.storage.stop();
+    std::vector<std::filesystem::path> files;
+    for (const auto& e : std::filesystem::directory_iterator(root / "rec")) files.push_back(e.path());
+    ASSERT_EQ(files.size(), 1u);
+    std::ifstream in(files[0], std::ios::binary);
+    const RecordingRead read = readRecording(Bytes(std::istreambuf_iterator<char>(in), {}));
+    EXPECT_EQ(read.problem, "");
+    ASSERT_FALSE(read.records.empty());
+    EXPECT_EQ(read.records.back().type, RecordType::lost);
+    EXPECT_LT(read.records.size(), 20u);
 }

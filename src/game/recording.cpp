@@ -1,0 +1,172 @@
+#include "game/recording.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <fcntl.h>
+#include <filesystem>
+#include <system_error>
+#include <unistd.h>
+#include <vector>
+
+#include "game/match.h"
+#include "log/log.h"
+#include "log/metrics.h"
+#include "platform/clock.h"
+#include "platform/files.h"
+
+namespace fs = std::filesystem;
+
+namespace {
+
+std::uint32_t millisSince(const Recording& r) {
+    return static_cast<std::uint32_t>((steadyMicros() - r.startMicros) / 1000);
+}
+
+// Removes the oldest recordings (by name, which starts with the start time)
+// until the directory holds at most maxBytes, the one being begun aside.
+void pruneDirectory(const std::string& directory, const std::string& keep, std::uint64_t maxBytes) {
+    if (maxBytes == 0) return;
+    std::vector<std::pair<std::string, std::uint64_t>> files;
+    std::uint64_t total = 0;
+    std::error_code ec;
+    for (fs::directory_iterator it(directory, ec), end; !ec && it != end; it.increment(ec)) {
+        if (!it->is_regular_file(ec) || it->path().extension() != ".rec" || it->path().string() == keep) continue;
+        const std::uint64_t size = it->file_size(ec);
+        files.emplace_back(it->path().string(), size);
+        total += size;
+    }
+    std::sort(files.begin(), files.end());
+    for (const auto& [path, size] : files) {
+        if (total <= maxBytes) break;
+        if (fs::remove(path, ec)) total -= size;
+    }
+}
+
+// The worker's side: appends the batch (the file made at the first one).
+bool appendBatch(RecordingFile& file, const Bytes& batch) {
+    if (file.fd < 0) {
+        if (!prepareFilePath(file.path)) return false;
+        file.fd = ::open(file.path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
+        if (file.fd < 0) return false;
+    }
+    std::size_t done = 0;
+    while (done < batch.size()) {
+        const ssize_t n = ::write(file.fd, batch.data() + done, batch.size() - done);
+        if (n < 0 && errno == EINTR) continue;
+        if (n <= 0) return false;
+        done += static_cast<std::size_t>(n);
+    }
+    return true;
+}
+
+// Stops the recording with a last record that says why; it goes past the
+// bounds, so that the file always says how it ended.
+void stop(Match& match, const std::string& why) {
+    Recording& r = *match.recording;
+    const Bytes payload = Writer().str(why).take();
+    const Bytes framed = frameRecord(RecordType::lost, millisSince(r), payload);
+    r.pending.insert(r.pending.end(), framed.begin(), framed.end());
+    r.bytes += framed.size();
+    r.stopped = true;
+    metrics().recordingsLost.fetch_add(1, std::memory_order_relaxed);
+    logError("|||| Recording of room " + std::to_string(r.roomId) + " stopped: " + why + ". The match goes on");
+}
+
+}  // namespace
+
+std::unique_ptr<Recording> beginRecording(Recordings& recordings, const RecordingHeader& header,
+                                          std::uint64_t nowMicros) {
+    auto r = std::make_unique<Recording>();
+    r->limits = recordings.limits;
+    r->roomId = header.roomId;
+    r->startMicros = nowMicros;
+    r->file = std::make_shared<RecordingFile>();
+    r->file->directory = recordings.directory;
+    r->file->maxDirectoryBytes = recordings.limits.maxDirectoryBytes;
+    recordings.begun += 1;
+    r->file->path = recordings.directory + "/" + std::to_string(header.startUnix) + "-" +
+                    std::to_string(recordings.begun) + "-room" + std::to_string(header.roomId) + ".rec";
+    r->pending = recordingPreamble();
+    const Bytes framed = frameRecord(RecordType::header, 0, encodeHeader(header));
+    r->pending.insert(r->pending.end(), framed.begin(), framed.end());
+    r->bytes = r->pending.size();
+    return r;
+}
+
+void record(Match& match, RecordType type, ByteView payload) {
+    if (!match.recording || match.recording->stopped) return;
+    Recording& r = *match.recording;
+    const std::size_t size = 13 + payload.size();
+    if (r.limits.maxFileBytes != 0 && r.bytes + size > r.limits.maxFileBytes)
+        return stop(match, "over recording_max_bytes (" + std::to_string(r.limits.maxFileBytes) + " bytes)");
+    if (r.limits.maxPendingBytes != 0 && r.pending.size() + r.file->inWorker + size > r.limits.maxPendingBytes)
+        return stop(match, "the disk fell behind (recording_pending_bytes, " +
+                               std::to_string(r.limits.maxPendingBytes) + " bytes)");
+    const Bytes framed = frameRecord(type, millisSince(r), payload);
+    r.pending.insert(r.pending.end(), framed.begin(), framed.end());
+    r.bytes += framed.size();
+}
+
+void flushRecording(Storage& storage, Match& match) {
+    if (!match.recording || match.recording->pending.empty()) return;
+    Recording& r = *match.recording;
+    std::shared_ptr<RecordingFile> file = r.file;
+    if (file->failed) {
+        r.pending.clear();
+        return;
+    }
+    Bytes batch = std::exchange(r.pending, {});
+    const std::size_t size = batch.size();
+    file->inWorker += size;
+    storage.submit(
+        [file, size, batch = std::move(batch)]() -> Storage::Completion {
+            if (!file->pruned) {
+                file->pruned = true;
+                pruneDirectory(file->directory, file->path, file->maxDirectoryBytes);
+            }
+            const bool ok = appendBatch(*file, batch);
+            return [file, ok, size] {
+                file->inWorker -= size;
+                if (ok) {
+                    metrics().recordingBytes.fetch_add(size, std::memory_order_relaxed);
+                } else if (!file->failed) {
+                    file->failed = true;
+                    metrics().recordingsLost.fetch_add(1, std::memory_order_relaxed);
+                    logError("|||| Recording " + file->path + " could not be written: stopped. The match goes on");
+                }
+            };
+        },
+        size);
+}
+
+void endRecording(Storage& storage, Match& match, std::uint32_t why) {
+    if (!match.recording) return;
+    Recording& r = *match.recording;
+    if (!r.stopped) {
+        const Bytes payload = Writer().u32(why).u32(match.lastCompletedStep).take();
+        const Bytes framed = frameRecord(RecordType::end, millisSince(r), payload);
+        r.pending.insert(r.pending.end(), framed.begin(), framed.end());
+        r.bytes += framed.size();
+    }
+    const bool whole = !r.stopped;
+    flushRecording(storage, match);
+    std::shared_ptr<RecordingFile> file = r.file;
+    storage.submit([file]() -> Storage::Completion {
+        // Synced once, at the end: a crash loses at most the last batches,
+        // and the reader stops at the last whole record.
+        bool ok = true;
+        if (file->fd >= 0) {
+            ok = fsync(file->fd) == 0;
+            ok = ::close(file->fd) == 0 && ok;
+        }
+        file->fd = -1;
+        return [file, ok] {
+            if (!ok && !file->failed) {
+                file->failed = true;
+                logError("|||| Recording " + file->path + " could not be written whole");
+            }
+        };
+    });
+    if (whole) metrics().recordingsWritten.fetch_add(1, std::memory_order_relaxed);
+    match.recording.reset();
+}

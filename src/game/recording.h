@@ -1,0 +1,76 @@
+#pragma once
+// A match written down as it is played: every relayed order with its sender
+// and step, step completions, delay changes, checksums, desyncs, players
+// leaving and the end, in the order the server handled them.
+//
+// Records gather in the match's pending bytes; the loop hands them to the
+// storage worker in batches (about ten times a second), as the server's own
+// work, and nothing waits for the disk. What one recording holds in memory,
+// pending or with the worker, is bounded: a recording that falls that far
+// behind stops, with a last record and one log line that say so, and the
+// match goes on. The relay never waits for, or depends on, its recording.
+
+#include <cstdint>
+#include <memory>
+#include <string>
+
+#include "platform/storage.h"
+#include "protocol/recording.h"
+
+struct Match;
+
+struct RecordingLimits {
+    // One recording's file (recording_max_bytes): a match of eight players
+    // for hours is far below; past it the recording stops, marked.
+    std::uint64_t maxFileBytes = 256ull * 1024 * 1024;
+    // The recordings directory (recordings_max_bytes): the oldest go first.
+    std::uint64_t maxDirectoryBytes = 8ull * 1024 * 1024 * 1024;
+    // Bytes of one recording pending or with the worker
+    // (recording_pending_bytes): a disk this far behind loses the recording.
+    std::uint64_t maxPendingBytes = 8ull * 1024 * 1024;
+};
+
+// Where the server's recordings go; an empty directory records nothing.
+struct Recordings {
+    std::string directory;
+    RecordingLimits limits;
+    std::string serverVersion;
+    // Recordings begun, for their file names.
+    std::uint64_t begun = 0;
+};
+
+// What the worker's jobs of one recording share with the loop.
+struct RecordingFile {
+    std::string path;
+    std::string directory;
+    std::uint64_t maxDirectoryBytes = 0;
+    int fd = -1;  // the worker's only
+    bool pruned = false;
+    // Handed to the worker and not yet written (the loop's only).
+    std::uint64_t inWorker = 0;
+    bool failed = false;
+};
+
+struct Recording {
+    std::shared_ptr<RecordingFile> file;
+    RecordingLimits limits;
+    std::uint32_t roomId = 0;
+    Bytes pending;
+    std::uint64_t startMicros = 0;
+    // Framed so far, pending included.
+    std::uint64_t bytes = 0;
+    bool stopped = false;
+};
+
+// The recording of a match that has just started: its header is the first
+// record. Nothing is written until the first flush.
+std::unique_ptr<Recording> beginRecording(Recordings& recordings, const RecordingHeader& header,
+                                          std::uint64_t nowMicros);
+// Appends a record when the match is recorded; stops the recording, marked,
+// when it would go over its bounds.
+void record(Match& match, RecordType type, ByteView payload);
+// Hands the pending records to the storage worker.
+void flushRecording(Storage& storage, Match& match);
+// The end record (why: 0 every player gone, 1 the server stopped), the last
+// flush and the file closed; the match keeps no recording after it.
+void endRecording(Storage& storage, Match& match, std::uint32_t why);
