@@ -6,7 +6,7 @@ JOBS ?= $(shell nproc 2>/dev/null || echo 2)
 DATA_ROOT ?= var
 
 # Debian packages the build and the tests need.
-PACKAGES := g++ cmake make pkg-config libenet-dev libgtest-dev libcli11-dev libsystemd-dev libcpp-httplib-dev faketime dpkg-dev file
+PACKAGES := g++ cmake make pkg-config libenet-dev libgtest-dev libcli11-dev libsystemd-dev libcpp-httplib-dev libsodium-dev faketime dpkg-dev file
 
 .PHONY: all deps deps-sanitize build build-server run test test-asan fuzz soak install deb clean bench
 

@@ -38,6 +38,8 @@ std::vector<Entry> entries() {
         {"address_budget_multiple", &Limits::addressBudgetMultiple},
         {"chat_drop_queued_bytes", &Limits::chatDropQueuedBytes},
         {"max_rooms", &Limits::maxRooms},
+        {"join_failures_per_peer_per_minute", &Limits::joinFailuresPerPeerPerMinute},
+        {"join_failures_per_room_per_minute", &Limits::joinFailuresPerRoomPerMinute},
         {"rooms_per_peer_per_minute", &Limits::roomsPerPeerPerMinute},
         {"rooms_per_address_per_minute", &Limits::roomsPerAddressPerMinute},
         {"download_bytes_in_flight", &Limits::downloadBytesInFlight},

@@ -80,6 +80,11 @@ struct Limits {
     // each room is a few hundred bytes and a line in every room list. A
     // player creates a room a few times an hour; a café a few a minute.
     std::uint64_t maxRooms = 2048;
+    // Failed joins into a room with a password, a minute: per peer and room,
+    // and per room from everyone. A player mistypes a few times; past these
+    // the joins are refused unchecked, so a password cannot be guessed.
+    std::uint64_t joinFailuresPerPeerPerMinute = 5;
+    std::uint64_t joinFailuresPerRoomPerMinute = 30;
     std::uint64_t roomsPerPeerPerMinute = 10;
     std::uint64_t roomsPerAddressPerMinute = 60;
 

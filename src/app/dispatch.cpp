@@ -56,6 +56,23 @@ void malformed(const Incoming& in, std::string_view what) {
 
 using Handler = void (*)(const Incoming&);
 
+bool hasFeature(const Incoming& in, std::uint32_t feature) {
+    const auto* info = static_cast<const PeerInfo*>(in.peer->data);
+    return info != nullptr && (info->features & feature) != 0;
+}
+
+// How each channel names a message type it does not know.
+constexpr const char* kUnknownType[kChannelCount] = {
+    "|||| Unknown lobby message ",    nullptr, "|||| Unknown ingame message ",
+    nullptr,                          "|||| Unknown feedback message ", "|||| Unknown event tracking type ",
+    "|||| Unknown file update message ",
+};
+
+void unknown(const Incoming& in, std::uint32_t type) {
+    metrics().unknownDropped.fetch_add(1, std::memory_order_relaxed);
+    if (mayLog(in)) logError(kUnknownType[in.channel] + std::to_string(type) + ". Nothing to do with it");
+}
+
 // Decodes the packet as M and hands the record on; a packet that does not
 // decode is dropped with the one "Malformed" line.
 template <typename M, void (*Handle)(const Incoming&, M&), std::optional<M> (*Decode)(ByteView) = &decode<M>>
@@ -63,6 +80,14 @@ void decoded(const Incoming& in) {
     std::optional<M> m = Decode(in.packet);
     if (!m) return malformed(in, M::kName);
     Handle(in, *m);
+}
+
+// For the messages of a feature: from a peer that was not granted it they
+// are unknown, exactly as they were before the feature existed.
+template <typename M, void (*Handle)(const Incoming&, M&), std::uint32_t Feature>
+void granted(const Incoming& in) {
+    if (!hasFeature(in, Feature)) return unknown(in, M::kType);
+    decoded<M, Handle>(in);
 }
 
 // For messages that only a player in a room can send: from anyone else they
@@ -86,20 +111,27 @@ constexpr char kTooManyRooms[] = "Room not created: the server holds as many roo
 constexpr char kRoomsTooFast[] =
     "Room not created: too many rooms were created from your connection in the last minute. Try again in a minute.";
 
-void onCreateRoom(const Incoming& in, CreateRoom& m) {
+// Whether the peer may create a room now; a refusal is answered and logged.
+bool mayCreateRoom(const Incoming& in) {
     Server& s = in.server;
     // From inside a room the request changes nothing, so it costs nothing.
-    if (roomOf(s.rooms, in.peer) != nullptr) return;
+    if (roomOf(s.rooms, in.peer) != nullptr) return false;
     if (s.limits.maxRooms != 0 && s.rooms.byId.size() >= s.limits.maxRooms) {
         sendBytes(in.peer, kTextChannel, encode(Text{kTooManyRooms}));
-        return refused(in, LimitFired::maxRooms, "room not created: max_rooms reached");
+        refused(in, LimitFired::maxRooms, "room not created: max_rooms reached");
+        return false;
     }
     if (!chargeRoomCreation(in.budget, in.address, s.limits, in.now)) {
         sendBytes(in.peer, kTextChannel, encode(Text{kRoomsTooFast}));
-        return refused(in, LimitFired::roomsPerMinute, "room not created: over rooms_per_peer_per_minute or "
-                                                       "rooms_per_address_per_minute");
+        refused(in, LimitFired::roomsPerMinute, "room not created: over rooms_per_peer_per_minute or "
+                                                "rooms_per_address_per_minute");
+        return false;
     }
-    createRoom(s.rooms, in.peer, m);
+    return true;
+}
+
+void onCreateRoom(const Incoming& in, CreateRoom& m) {
+    if (mayCreateRoom(in)) createRoom(in.server.rooms, in.peer, m);
 }
 void onJoinRoom(const Incoming& in, JoinRoom& m) { joinRoom(in.server.rooms, in.peer, m.roomId); }
 void onLeaveRoom(const Incoming& in, LeaveRoom&) { leaveRoom(in.server.rooms, in.peer, false); }
@@ -111,31 +143,38 @@ void onRoomListRequest(const Incoming& in, RoomListRequest& m) {
     Server& s = in.server;
     if (!mayReply(in.budget, in.address, s.limits, in.now))
         return refused(in, LimitFired::replyBytes, "room list not sent: over reply_bytes_per_second");
-    const std::size_t sent =
-        sendRoomList(s.rooms, serverStatus(s.rooms, s.serverDescription, s.peers.size()), in.peer, m.roomId);
+    const std::size_t sent = sendRoomList(s.rooms, serverStatus(s.rooms, s.serverDescription, s.peers.size()),
+                                          in.peer, m.roomId, hasFeature(in, kFeaturePrivateRooms));
     chargeReply(in.budget, in.address, s.limits, sent);
 }
 void onGameSettings(const Incoming& in, GameSettings& m) { updateGameSettings(in.server.rooms, in.peer, std::move(m)); }
 void onStartGame(const Incoming& in, StartGame&) { requestStart(in.server.rooms, in.peer); }
 
 // ---- Extensions ----
-// The features this server can grant, each switched on by its option. None
-// is offered yet: every client gets the empty grant, and that answer tells
-// it that the server speaks extensions at all.
-std::vector<std::string> grantableFeatures(const Server&) { return {}; }
-
+// The handshake grants what was asked for and is switched on by its option;
+// asking again replaces the grant.
 void onExtensionsHello(const Incoming& in, ExtensionsHello& m) {
     auto* info = static_cast<PeerInfo*>(in.peer->data);
     info->extensionsVersion = std::min(m.version, kExtensionsVersion);
+    info->features = 0;
     ExtensionsGranted granted;
     granted.version = kExtensionsVersion;
-    const std::vector<std::string> grantable = grantableFeatures(in.server);
-    for (const std::string& feature : m.features)
-        if (std::find(grantable.begin(), grantable.end(), feature) != grantable.end() &&
-            std::find(granted.features.begin(), granted.features.end(), feature) == granted.features.end())
-            granted.features.push_back(feature);
+    for (const std::string& name : m.features)
+        for (const FeatureName& f : kFeatureNames)
+            if (name == f.name && (in.server.features & f.bit) != 0 && (info->features & f.bit) == 0) {
+                info->features |= f.bit;
+                granted.features.push_back(name);
+            }
     sendBytes(in.peer, kLobbyChannel, encode(granted));
 }
+
+// ---- Private rooms ----
+void onCreatePrivateRoom(const Incoming& in, CreatePrivateRoom& m) {
+    if (mayCreateRoom(in)) createPrivateRoom(in.server.rooms, in.peer, m);
+}
+void onJoinPrivateRoom(const Incoming& in, JoinPrivateRoom& m) { joinPrivateRoom(in.server.rooms, in.peer, m.roomId, m.password); }
+void onSetRoomPassword(const Incoming& in, SetRoomPassword& m) { setRoomPassword(in.server.rooms, in.peer, m); }
+void onKickAndBan(const Incoming& in, KickAndBan& m) { kickAndBan(in.server.rooms, in.peer, m.slot); }
 
 // ---- Text ----
 // A line to a room goes to its few players. A line to the lobby goes to
@@ -277,6 +316,10 @@ constexpr Route kRoutes[] = {
     {kLobbyChannel, GameSettings::kType, decoded<GameSettings, onGameSettings>},
     {kLobbyChannel, StartGame::kType, decoded<StartGame, onStartGame>},
     {kLobbyChannel, ExtensionsHello::kType, decoded<ExtensionsHello, onExtensionsHello>},
+    {kLobbyChannel, CreatePrivateRoom::kType, granted<CreatePrivateRoom, onCreatePrivateRoom, kFeaturePrivateRooms>},
+    {kLobbyChannel, JoinPrivateRoom::kType, granted<JoinPrivateRoom, onJoinPrivateRoom, kFeaturePrivateRooms>},
+    {kLobbyChannel, SetRoomPassword::kType, granted<SetRoomPassword, onSetRoomPassword, kFeaturePrivateRooms>},
+    {kLobbyChannel, KickAndBan::kType, granted<KickAndBan, onKickAndBan, kFeaturePrivateRooms>},
     {kMatchControlChannel, LeaveMatch::kType, decoded<LeaveMatch, onLeaveMatch>},
     {kMatchControlChannel, DelayHold::kType, seated<DelayHold, onDelayHold>},
     {kMatchControlChannel, DelayRequest::kType, seated<DelayRequest, onDelayRequest>},
@@ -289,12 +332,6 @@ constexpr Route kRoutes[] = {
     {kFileUpdateChannel, FileData::kType, onFileData},
 };
 
-// How each channel names a message type it does not know.
-constexpr const char* kUnknownType[kChannelCount] = {
-    "|||| Unknown lobby message ",    nullptr, "|||| Unknown ingame message ",
-    nullptr,                          "|||| Unknown feedback message ", "|||| Unknown event tracking type ",
-    "|||| Unknown file update message ",
-};
 
 const Route* findRoute(std::uint8_t channel, std::uint32_t type) {
     for (const Route& r : kRoutes)
@@ -340,6 +377,5 @@ void dispatchPacket(Server& server, ENetPeer* peer, std::uint8_t channel, ByteVi
     std::uint32_t type = 0;
     if (!readMessageType(packet, type)) return malformed(in, "packet");
     if (const Route* route = findRoute(channel, type)) return route->handle(in);
-    metrics().unknownDropped.fetch_add(1, std::memory_order_relaxed);
-    if (mayLog(in)) logError(kUnknownType[channel] + std::to_string(type) + ". Nothing to do with it");
+    unknown(in, type);
 }

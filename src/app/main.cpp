@@ -175,6 +175,7 @@ int main(int argc, char** argv) {
     server->limitsFile = limitsFile;
     server->limitsFileNamed = options.limitsFile.has_value();
     if (options.recordDirectory) server->recordings.directory = *options.recordDirectory;
+    if (options.privateRooms) server->features |= kFeaturePrivateRooms;
     if (!startServer(*server)) {
         // Every thread is stopped and joined before the process ends, so
         // the exit status is the 1 of a failed start, not an abort.

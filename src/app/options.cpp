@@ -33,6 +33,8 @@ int parseOptions(int argc, char** argv, Options& options) {
     app.add_option("--limits", limits, "Read the limits from FILE instead of settings/limits.conf")->type_name("FILE");
     app.add_option("--record", record, "Record every match that starts, one file each, in DIR (off by default)")
         ->type_name("DIR");
+    app.add_flag("--private-rooms", options.privateRooms,
+                 "Grant clients that ask for it rooms with passwords, hidden rooms and bans from a room");
     try {
         app.parse(argc, argv);
     } catch (const CLI::CallForHelp& e) {

@@ -13,6 +13,7 @@ struct Options {
     std::optional<std::string> limitsFile;
     // Where every match that starts is recorded (absolute).
     std::optional<std::string> recordDirectory;
+    bool privateRooms = false;
 };
 
 // Returns -1 to go on, or the exit status to end with at once (0 after

@@ -130,6 +130,8 @@ void applyLimits(Server& server) {
     server.downloads.stallMicros = l.downloadStallSeconds * 1'000'000;
     server.downloads.maxWaitingPerPeer = l.downloadRequestsPerPeer;
     server.announcements.maxBytes = l.announcementsMaxBytes;
+    server.rooms.joinFailuresPerPeer = static_cast<std::uint32_t>(l.joinFailuresPerPeerPerMinute);
+    server.rooms.joinFailuresPerRoom = static_cast<std::uint32_t>(l.joinFailuresPerRoomPerMinute);
     server.recordings.limits.maxFileBytes = l.recordingMaxBytes;
     server.recordings.limits.maxDirectoryBytes = l.recordingsMaxBytes;
     server.recordings.limits.maxPendingBytes = l.recordingPendingBytes;

@@ -62,6 +62,8 @@ struct Server {
     AnnouncementsCache announcements;
     // --record: where matches are recorded (the rooms point here).
     Recordings recordings;
+    // The extension features switched on by their options (Feature bits).
+    std::uint32_t features = 0;
     std::uint64_t recordingFlushMicros = 0;
     // Every file written or update file read goes through here. Declared
     // last, so it is drained while everything its completions reach exists.

@@ -19,12 +19,16 @@
 void sendToHumans(const Room& room, std::uint8_t channel, ByteView bytes, const ENetPeer* except = nullptr);
 
 // ---- Rooms (rooms.cpp) ----
-void createRoom(RoomRegistry& rooms, ENetPeer* peer, const CreateRoom& request);
+// The new room, or nullptr when the peer is in a room already.
+Room* createRoom(RoomRegistry& rooms, ENetPeer* peer, const CreateRoom& request);
 // The status line of the room list: rooms, players in and out of them.
 ServerStatus serverStatus(const RoomRegistry& rooms, const std::string& description, std::size_t peerCount);
 // The status, one entry per room, and the details of the room with roomId;
-// returns the bytes sent.
-std::size_t sendRoomList(const RoomRegistry& rooms, const ServerStatus& status, ENetPeer* peer, std::uint32_t roomId);
+// returns the bytes sent. Hidden rooms are left out; a room with a password
+// is listed full to a client that knows no private rooms, and named in a
+// LockedRooms after the entries to one that does (privateRooms).
+std::size_t sendRoomList(const RoomRegistry& rooms, const ServerStatus& status, ENetPeer* peer, std::uint32_t roomId,
+                         bool privateRooms = false);
 void updateGameSettings(RoomRegistry& rooms, ENetPeer* peer, GameSettings settings);
 // Who a text goes to: every registered peer that shares the sender's room
 // (or, for a sender in no room, every peer in no room), the sender included,
@@ -37,7 +41,22 @@ std::unique_ptr<Room> deleteEmptyRoom(RoomRegistry& rooms);
 GameSettings defaultGameSettings();
 
 // ---- Membership (membership.cpp) ----
+// A join as a client that knows no private rooms asks it: a room with a
+// password or hidden refuses it with the texts of a full or a missing room,
+// and counts the attempt as a failed one.
 void joinRoom(RoomRegistry& rooms, ENetPeer* peer, std::uint32_t roomId);
+// A join with a password; a refusal is answered with JoinRefused.
+void joinPrivateRoom(RoomRegistry& rooms, ENetPeer* peer, std::uint32_t roomId, const std::string& password);
+
+// ---- Private rooms (private.cpp) ----
+void createPrivateRoom(RoomRegistry& rooms, ENetPeer* peer, const CreatePrivateRoom& request);
+// From the host: the password (empty: none) and whether the room is hidden.
+void setRoomPassword(RoomRegistry& rooms, ENetPeer* peer, const SetRoomPassword& request);
+// From the host: the kick, then the kicked peer's address may not join the
+// room again while it lives.
+void kickAndBan(RoomRegistry& rooms, ENetPeer* peer, std::uint32_t slot);
+void lockRoom(RoomLock& lock, const std::string& password, bool hidden);
+bool passwordMatches(const RoomLock& lock, const std::string& password);
 // Takes the peer out of its room, if it is in one.
 void leaveRoom(RoomRegistry& rooms, ENetPeer* peer, bool disconnected);
 void setHost(Room& room, ENetPeer* newHost);

@@ -4,6 +4,7 @@
 
 #include "lobby/lobby.h"
 #include "log/log.h"
+#include "platform/clock.h"
 
 namespace {
 
@@ -62,17 +63,89 @@ std::unique_ptr<PlayerSetup> freshPlayerSetup(std::uint32_t slot) {
     return setup;
 }
 
-void joinRoom(RoomRegistry& rooms, ENetPeer* peer, std::uint32_t roomId) {
+namespace {
+
+constexpr char kNoRoom[] = "Cannot join: room does no longer exist!";
+constexpr char kFull[] = "Cannot join: room is already full!";
+
+// Refuses a join: with the text a client that knows no private rooms
+// understands, or, to one that asked with a password, with JoinRefused.
+struct JoinReply {
+    ENetPeer* peer;
+    std::uint32_t roomId;
+    bool withPassword;
+    void refuse(JoinRefusal reason, const char* legacyText, const std::string& text) const {
+        if (withPassword)
+            sendBytes(peer, kLobbyChannel, encode(JoinRefused{1, roomId, static_cast<std::uint32_t>(reason), text}));
+        else
+            refuseJoin(peer, legacyText);
+    }
+};
+
+// Whether a failed join is still allowed in this minute, per peer and per
+// room; when it is not, the join is refused without its password checked.
+bool mayTry(const RoomRegistry& rooms, RoomLock& lock, std::uint64_t connection, std::uint64_t now) {
+    auto current = [now](JoinFailures& f) -> JoinFailures& {
+        if (now - f.since >= 60'000'000) f = JoinFailures{now, 0};
+        return f;
+    };
+    // Entries of a minute gone hold nothing: the map never grows past the
+    // peers that failed in one minute.
+    if (lock.failuresByPeer.size() > 64)
+        std::erase_if(lock.failuresByPeer, [now](const auto& e) { return now - e.second.since >= 60'000'000; });
+    const JoinFailures& room = current(lock.failures);
+    const JoinFailures& peer = current(lock.failuresByPeer[connection]);
+    return (rooms.joinFailuresPerRoom == 0 || room.count < rooms.joinFailuresPerRoom) &&
+           (rooms.joinFailuresPerPeer == 0 || peer.count < rooms.joinFailuresPerPeer);
+}
+
+void countFailure(RoomLock& lock, std::uint64_t connection) {
+    lock.failures.count += 1;
+    lock.failuresByPeer[connection].count += 1;
+}
+
+void admit(RoomRegistry& rooms, ENetPeer* peer, std::uint32_t roomId, const std::string* password) {
     if (roomOf(rooms, peer) != nullptr) return;
+    const JoinReply reply{peer, roomId, password != nullptr};
 
     Room* found = findRoom(rooms, roomId);
-    if (found == nullptr) return refuseJoin(peer, "Cannot join: room does no longer exist!");
+    if (found == nullptr) return reply.refuse(JoinRefusal::noRoom, kNoRoom, kNoRoom);
     Room& room = *found;
-    if (!room.open) return refuseJoin(peer, "Cannot join: game has already started!");
-    if (humanCount(room) >= capacity(room)) return refuseJoin(peer, "Cannot join: room is already full!");
+    RoomLock& lock = room.lock;
+    if (lock.hasPassword || lock.hidden || !lock.bannedAddresses.empty()) {
+        // A hidden room answers every refusal as a missing one would, so that
+        // nobody learns its ID by trying.
+        const bool hidden = lock.hidden;
+        if (lock.bannedAddresses.count(peer->address.host) != 0)
+            return hidden ? reply.refuse(JoinRefusal::noRoom, kNoRoom, kNoRoom)
+                          : reply.refuse(JoinRefusal::banned, kFull, "Cannot join: you may not join this room!");
+        const std::uint64_t connection = refOf(peer).connection, now = steadyMicros();
+        if (lock.hasPassword || hidden) {
+            if (!mayTry(rooms, lock, connection, now)) {
+                if (!lock.refusalLogged || now - lock.refusalLineMicros >= 60'000'000) {
+                    lock.refusalLogged = true;
+                    lock.refusalLineMicros = now;
+                    logError("|||| Room " + std::to_string(room.id) + ": too many failed joins; joins refused "
+                             "unchecked for a while (last from " + peerAddressText(peer) + ")");
+                }
+                return hidden ? reply.refuse(JoinRefusal::noRoom, kNoRoom, kNoRoom)
+                              : reply.refuse(JoinRefusal::tooManyAttempts, kFull,
+                                             "Cannot join: too many failed attempts. Try again in a minute.");
+            }
+            if (password == nullptr ? lock.hasPassword || hidden : !passwordMatches(lock, *password)) {
+                countFailure(lock, connection);
+                return hidden ? reply.refuse(JoinRefusal::noRoom, kNoRoom, kNoRoom)
+                              : reply.refuse(JoinRefusal::wrongPassword, kFull, "Cannot join: wrong password!");
+            }
+        }
+    }
+    if (!room.open)
+        return reply.refuse(JoinRefusal::started, "Cannot join: game has already started!",
+                            "Cannot join: game has already started!");
+    if (humanCount(room) >= capacity(room)) return reply.refuse(JoinRefusal::full, kFull, kFull);
     // Players without a connection can fill the open slots below capacity.
     int free = findFreeSlot(room);
-    if (free < 0) return refuseJoin(peer, "Cannot join: room is already full!");
+    if (free < 0) return reply.refuse(JoinRefusal::full, kFull, kFull);
     auto index = static_cast<std::uint32_t>(free);
 
     seat(rooms, room, index, peer);
@@ -90,6 +163,14 @@ void joinRoom(RoomRegistry& rooms, ENetPeer* peer, std::uint32_t roomId) {
     sendToHumans(room, kLobbyChannel, room.settings.bytes, room.slots[room.hostSlot].peer);
 
     logMessage(roomCountLine("Joined room ", room));
+}
+
+}  // namespace
+
+void joinRoom(RoomRegistry& rooms, ENetPeer* peer, std::uint32_t roomId) { admit(rooms, peer, roomId, nullptr); }
+
+void joinPrivateRoom(RoomRegistry& rooms, ENetPeer* peer, std::uint32_t roomId, const std::string& password) {
+    admit(rooms, peer, roomId, &password);
 }
 
 void leaveRoom(RoomRegistry& rooms, ENetPeer* peer, bool disconnected) {

@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <map>
 #include <memory>
+#include <set>
 #include <string>
 #include <unordered_map>
 #include <vector>
@@ -13,12 +14,35 @@
 #include <enet/enet.h>
 
 #include "game/match.h"
+#include "platform/secrets.h"
 #include "protocol/messages.h"
 #include "protocol/send.h"
 
 struct Slot {
     ENetPeer* peer = nullptr;            // a human's connection
     std::unique_ptr<PlayerSetup> info;  // nobody in the slot when null
+};
+
+// Failed joins counted over a minute.
+struct JoinFailures {
+    std::uint64_t since = 0;  // steadyMicros of the minute's start
+    std::uint32_t count = 0;
+};
+
+// A private room's guard: its password (kept only as a salted hash), whether
+// it is listed, the addresses its hosts banned, and the failed joins that
+// bound how fast anyone may guess.
+struct RoomLock {
+    bool hasPassword = false;
+    bool hidden = false;
+    Salt salt{};
+    PasswordHash hash{};
+    std::set<std::uint32_t> bannedAddresses;
+    // By the connection number of the peer that failed.
+    std::unordered_map<std::uint64_t, JoinFailures> failuresByPeer;
+    JoinFailures failures;
+    std::uint64_t refusalLineMicros = 0;
+    bool refusalLogged = false;
 };
 
 struct Room {
@@ -37,6 +61,10 @@ struct Room {
     SharedMessage sharedSettings;
     SharedMessage listEntry;
     std::uint32_t listKey = 0xFFFFFFFFu;
+    // The entry a client that knows no private rooms gets for a room with a
+    // password: full, so that it offers no join.
+    SharedMessage fullListEntry;
+    RoomLock lock;
     std::array<Slot, kSlotCount> slots;
     SlotFlags confirmed{};
     SlotFlags closed{};
@@ -65,6 +93,10 @@ struct RoomRegistry {
     std::unordered_map<const ENetPeer*, Seat> seats;
     // Where matches are recorded as they start; null: none are.
     Recordings* recordings = nullptr;
+    // Failed joins into a room with a password allowed per minute, per peer
+    // and per room (0: no bound); past them joins are refused unchecked.
+    std::uint32_t joinFailuresPerPeer = 5;
+    std::uint32_t joinFailuresPerRoom = 30;
 };
 
 // The room and slot of a seated peer, or nullptr.

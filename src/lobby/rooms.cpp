@@ -14,9 +14,9 @@ GameSettings defaultGameSettings() {
     return s;
 }
 
-void createRoom(RoomRegistry& rooms, ENetPeer* peer, const CreateRoom& request) {
+Room* createRoom(RoomRegistry& rooms, ENetPeer* peer, const CreateRoom& request) {
     // A room is created only from outside all rooms.
-    if (roomOf(rooms, peer) != nullptr) return;
+    if (roomOf(rooms, peer) != nullptr) return nullptr;
 
     // IDs are handed out in order; once the counter has wrapped round, the
     // IDs of rooms still alive (and 0, which names no room) are passed over,
@@ -41,6 +41,7 @@ void createRoom(RoomRegistry& rooms, ENetPeer* peer, const CreateRoom& request) 
     logMessage("Room \"" + printable(ref.name) + "\", ID " + std::to_string(ref.id) + ", data \"" + printable(ref.dataset) +
                "\", checksum " + std::to_string(ref.datasetChecksum) +
                ". Total rooms: " + std::to_string(rooms.byId.size()));
+    return &ref;
 }
 
 ServerStatus serverStatus(const RoomRegistry& rooms, const std::string& description, std::size_t peerCount) {
@@ -61,11 +62,14 @@ ServerStatus serverStatus(const RoomRegistry& rooms, const std::string& descript
     return status;
 }
 
-std::size_t sendRoomList(const RoomRegistry& rooms, const ServerStatus& status, ENetPeer* peer, std::uint32_t roomId) {
+std::size_t sendRoomList(const RoomRegistry& rooms, const ServerStatus& status, ENetPeer* peer, std::uint32_t roomId,
+                         bool privateRooms) {
     const Bytes statusBytes = encode(status);
     std::size_t sent = statusBytes.size();
     sendBytes(peer, kLobbyChannel, statusBytes);
+    LockedRooms locked;
     for (const auto& [id, room] : rooms.byId) {
+        if (room->lock.hidden) continue;
         // Name, dataset and checksum never change: the entry is encoded
         // again only when its counts or its openness do.
         const std::uint32_t humans = humanCount(*room), cap = capacity(*room);
@@ -80,13 +84,25 @@ std::size_t sendRoomList(const RoomRegistry& rooms, const ServerStatus& status, 
             entry.capacity = cap;
             entry.open = room->open ? 1 : 0;
             room->listEntry = SharedMessage(encode(entry));
+            entry.humans = entry.capacity;
+            room->fullListEntry = SharedMessage(encode(entry));
             room->listKey = key;
         }
-        sendShared(peer, kLobbyChannel, room->listEntry);
-        sent += room->listEntry.bytes().size();
+        // A client that cannot give a password sees the room full, and so
+        // offers its player no join.
+        const SharedMessage& shown = room->lock.hasPassword && !privateRooms ? room->fullListEntry : room->listEntry;
+        sendShared(peer, kLobbyChannel, shown);
+        sent += shown.bytes().size();
+        if (room->lock.hasPassword) locked.ids.push_back(room->id);
+    }
+    if (privateRooms) {
+        const Bytes lockedBytes = encode(locked);
+        sendBytes(peer, kLobbyChannel, lockedBytes);
+        sent += lockedBytes.size();
     }
     const Room* room = findRoom(rooms, roomId);
-    if (room == nullptr) return sent;
+    // A hidden room's details go to its own members only.
+    if (room == nullptr || (room->lock.hidden && roomOf(rooms, peer) != room)) return sent;
     sendShared(peer, kLobbyChannel, room->sharedSettings);
     RoomPlayerNames names;
     for (const Slot& slot : room->slots)

@@ -260,6 +260,101 @@ struct ExtensionsGranted {
     }
 };
 
+// The features a client may ask for, by name, and the bit each has in a
+// connection's grant.
+enum Feature : std::uint32_t { kFeaturePrivateRooms = 1u << 0 };
+struct FeatureName {
+    const char* name;
+    std::uint32_t bit;
+};
+inline constexpr FeatureName kFeatureNames[] = {{"private-rooms", kFeaturePrivateRooms}};
+
+// ---- Private rooms (feature "private-rooms") ---------------------------------
+
+// Room passwords: a phrase a player types, not a file.
+inline constexpr std::size_t kMaxPasswordLength = 64;
+
+// CreateRoom with a password (empty: none) and, with hidden 1, left out of
+// every room list (a hidden room needs a password).
+struct CreatePrivateRoom {
+    LOCKSTEP_MESSAGE(101, "CreatePrivateRoom");
+    std::string name;
+    std::string dataset;
+    std::uint32_t datasetChecksum = 0;
+    std::string password;
+    std::uint32_t hidden = 0;
+    template <typename F, typename M>
+    static void fields(F& f, M& m) {
+        f.u32(m.secondWord), f.str(m.name, kMaxNameLength), f.str(m.dataset, kMaxNameLength);
+        f.u32(m.datasetChecksum), f.str(m.password, kMaxPasswordLength), f.u32(m.hidden);
+    }
+};
+
+struct JoinPrivateRoom {
+    LOCKSTEP_MESSAGE(102, "JoinPrivateRoom");
+    std::uint32_t roomId = 0;
+    std::string password;
+    template <typename F, typename M>
+    static void fields(F& f, M& m) {
+        f.u32(m.secondWord), f.u32(m.roomId), f.str(m.password, kMaxPasswordLength);
+    }
+};
+
+// From the host: a new password (empty: none) and whether the room is hidden.
+struct SetRoomPassword {
+    LOCKSTEP_MESSAGE(103, "SetRoomPassword");
+    std::string password;
+    std::uint32_t hidden = 0;
+    template <typename F, typename M>
+    static void fields(F& f, M& m) {
+        f.u32(m.secondWord), f.str(m.password, kMaxPasswordLength), f.u32(m.hidden);
+    }
+};
+
+// After the room list's entries, to a client granted private rooms: the IDs
+// of the listed rooms that need a password.
+struct LockedRooms {
+    LOCKSTEP_MESSAGE(104, "LockedRooms");
+    std::vector<std::uint32_t> ids;
+    template <typename F, typename M>
+    static void fields(F& f, M& m) {
+        f.u32(m.secondWord), f.list(m.ids, 4, [](auto& g, auto& id) { g.u32(id); });
+    }
+};
+
+enum class JoinRefusal : std::uint32_t {
+    noRoom = 1,
+    wrongPassword = 2,
+    tooManyAttempts = 3,
+    banned = 4,
+    full = 5,
+    started = 6,
+};
+
+// The answer to a JoinPrivateRoom that is not let in; a JoinAccepted and the
+// room's state come otherwise, as for JoinRoom.
+struct JoinRefused {
+    LOCKSTEP_MESSAGE(105, "JoinRefused");
+    std::uint32_t roomId = 0;
+    std::uint32_t reason = 0;
+    std::string text;
+    template <typename F, typename M>
+    static void fields(F& f, M& m) {
+        f.u32(m.secondWord), f.u32(m.roomId), f.u32(m.reason), f.str(m.text, kMaxTextLength);
+    }
+};
+
+// From the host: Kick, and the kicked player's address may not join this room
+// again while it lives.
+struct KickAndBan {
+    LOCKSTEP_MESSAGE(106, "KickAndBan");
+    std::uint32_t slot = 0;
+    template <typename F, typename M>
+    static void fields(F& f, M& m) {
+        f.u32(m.secondWord), f.u32(m.slot);
+    }
+};
+
 // The host's settings; kept as the exact bytes like PlayerSetup.
 struct GameSettings {
     LOCKSTEP_MESSAGE(13, "GameSettings");

@@ -91,6 +91,8 @@ struct PeerInfo {
     // The extensions version the peer said it speaks; 0: it never asked, and
     // it is served exactly as a client that knows no extensions.
     std::uint32_t extensionsVersion = 0;
+    // The features granted to it (Feature bits).
+    std::uint32_t features = 0;
 };
 
 // Bytes queued for sending to one peer (delivered to ENet but not yet
