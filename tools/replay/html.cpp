@@ -133,9 +133,11 @@ Timeline build(const std::vector<Record>& records) {
             case RecordType::delay:
                 if (const std::optional<DelayRecord> d = decodeDelay(record)) {
                     t.delays.emplace_back(d->lastStep, d->delay);
+                    const std::string change = d->change == 1   ? "longer"
+                                               : d->change == 2 ? "shorter"
+                                                                : "change " + std::to_string(d->change);
                     t.events.push_back({record.millis, d->lastStep, "delay",
-                                        std::string("order delay ") + (d->change == 1 ? "longer" : "shorter") +
-                                            ": " + std::to_string(d->delay)});
+                                        "order delay " + change + ": " + std::to_string(d->delay)});
                 }
                 break;
             case RecordType::desync:

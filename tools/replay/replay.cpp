@@ -455,6 +455,8 @@ int desync(ByteView file, const std::string& path, std::ostream& out, std::ostre
         out << "evidence files (data root " << root->string() << "):\n";
     else if (root)
         out << "evidence files:\n";
+    else if (fs::path(base).is_absolute())
+        out << "evidence files (their directory is not on this machine):\n";
     else
         out << "evidence files (not found near the recording; relative to the server's data root):\n";
     std::vector<std::uint32_t> slots;

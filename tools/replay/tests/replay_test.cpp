@@ -258,6 +258,12 @@ TEST(ReplayDesync, EvidenceByAbsoluteNameOrNotFound) {
     EXPECT_NE(r.out.find("  " + base + "_peer2.log  present, 5 bytes\n"), std::string::npos) << r.out;
     EXPECT_NE(r.out.find("  " + base + "_peer2.world  missing\n"), std::string::npos) << r.out;
 
+    r = desyncOf(forcedDesync("/nonexistent/resyncs/room3_desync1").bytes(), "/nonexistent/room3.rec");
+    EXPECT_NE(r.out.find("evidence files (their directory is not on this machine):\n"
+                         "  /nonexistent/resyncs/room3_desync1_peer0.world\n"),
+              std::string::npos)
+        << r.out;
+
     r = desyncOf(forcedDesync("server_data/resyncs/room3_desync1").bytes(), (dir.path() / "x.rec").string());
     EXPECT_NE(r.out.find("evidence files (not found near the recording; relative to the server's data root):\n"
                          "  server_data/resyncs/room3_desync1_peer0.world\n"),
