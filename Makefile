@@ -8,7 +8,7 @@ DATA_ROOT ?= var
 # Debian packages the build and the tests need.
 PACKAGES := g++ cmake make pkg-config libenet-dev libgtest-dev libcli11-dev libsystemd-dev libcpp-httplib-dev libsodium-dev faketime dpkg-dev file
 
-.PHONY: all deps deps-sanitize build build-server run test test-asan fuzz soak install deb clean bench
+.PHONY: all deps deps-sanitize build build-server run test test-asan fuzz soak install deb clean bench replay-screenshot
 
 FUZZ_SECONDS ?= 30
 
@@ -95,6 +95,22 @@ REPEAT ?= 1
 BENCH_ARGS ?=
 bench: build
 	bench/run_bench.sh --build $(BUILD_DIR) --repeat $(REPEAT) $(BENCH_ARGS)
+
+# The page `lockstep-replay html` writes, as headless Chromium renders it, in
+# $(BUILD_DIR)/match.png: the recording FILE, or without one the synthetic
+# match of the replay tool's tests. Not part of `make test`; chromium is
+# installed for this target only.
+FILE ?=
+REPLAY_INPUT = $(if $(FILE),$(FILE),$(abspath $(BUILD_DIR))/replay_sample.rec)
+replay-screenshot: deps
+	@$(MAKE) --no-print-directory deps PACKAGES="chromium"
+	cmake -S . -B $(BUILD_DIR) -DCMAKE_BUILD_TYPE=RelWithDebInfo
+	cmake --build $(BUILD_DIR) -j $(JOBS) --target replay replay_sample
+	$(if $(FILE),,$(BUILD_DIR)/replay_sample $(REPLAY_INPUT))
+	$(BUILD_DIR)/lockstep-replay html "$(REPLAY_INPUT)" > $(BUILD_DIR)/match.html || [ $$? -eq 1 ]
+	chromium --headless --no-sandbox --disable-gpu --hide-scrollbars --window-size=1100,1400 \
+	  --screenshot=$(abspath $(BUILD_DIR))/match.png file://$(abspath $(BUILD_DIR))/match.html
+	@echo "replay-screenshot: $(BUILD_DIR)/match.png"
 
 # Honours PREFIX and DESTDIR.
 install: build

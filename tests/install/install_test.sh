@@ -12,6 +12,7 @@ expected="etc/lockstep-server/limits.conf
 etc/lockstep-server/server.config
 usr/bin/lockstep-probe
 usr/bin/lockstep-server
+usr/bin/lockstep-replay
 usr/lib/systemd/system/lockstep-server@.service
 usr/share/doc/lockstep-server/README.md
 usr/share/doc/lockstep-server/changelog.gz
@@ -65,6 +66,9 @@ grep -q ": Enet server created at 0:" "$work/root/server.log"
 port="$(sed -n 's/^: Enet server created at 0:\([0-9]*\)$/\1/p' "$work/root/server.log")"
 "$work/dest/usr/bin/lockstep-probe" "127.0.0.1:$port" | grep -q "^127.0.0.1:$port answered: \"\(.*\)\"$" \
   || { echo "installed probe"; exit 1; }
+# The installed recordings' reader runs (the recordings themselves are
+# tested with the tool).
+"$work/dest/usr/bin/lockstep-replay" --help | grep -q "^  desync " || { echo "installed replay"; exit 1; }
 kill -TERM "$pid"
 wait "$pid"
 status=$?
