@@ -91,6 +91,8 @@ void handleResyncReport(Storage& storage, Match& match, const Seating& seating, 
     if (complete) {
         match.resyncStep = 0xFFFFFFFFu;
         match.orderDelay = 2;
+        if (match.recording)
+            record(match, RecordType::delay, Writer(12).u32(match.lastCompletedStep).u32(0).u32(2).take());
         match.delayHold = kMaxDelayHold;  // no lengthening until the hold has run down
         for (ENetPeer* peer : seating.peers)
             if (peer != nullptr) players.push_back(refOf(peer));

@@ -27,7 +27,7 @@ enum class RecordType : std::uint8_t {
     header = 1,         // RecordingHeader
     order = 2,          // u32 step, u32 sender's slot, the order's bytes as relayed (rest of the payload)
     stepCompleted = 3,  // u32 step, u32 slot the completion notice names
-    delay = 4,          // u32 last completed step, u32 1 longer or 2 shorter, u32 the order delay after it
+    delay = 4,          // u32 last completed step, u32 1 longer, 2 shorter or 0 set back by a resync, u32 the delay after it
     checksum = 5,       // u32 step, u32 slot, u32 checksum
     desync = 6,         // u32 step, u32 desync number, str evidence base name (without .world / .log)
     left = 7,           // u32 slot, u32 why (0 left, 1 disconnected), str name

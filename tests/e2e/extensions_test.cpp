@@ -25,6 +25,14 @@ auto ofType(std::uint32_t type) {
     return [type](const Bytes& m) { return wordAt(m, 0) == type; };
 }
 
+bool waitFor(const std::function<bool()>& done, int timeoutMs = 5000) {
+    for (auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs); !done();) {
+        if (std::chrono::steady_clock::now() >= end) return false;
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    return true;
+}
+
 std::string readAll(const std::filesystem::path& path) {
     std::ifstream in(path, std::ios::binary);
     return std::string(std::istreambuf_iterator<char>(in), {});
@@ -105,4 +113,48 @@ TEST(ExtensionsBinary, APrivateRoomPlayedAndRecordedLeavesItsPasswordNowhere) {
         EXPECT_EQ(where.find(password), std::string::npos);
         EXPECT_EQ(where.find("Zebra"), std::string::npos);
     }
+}
+
+// A forced desync in a recorded match, read back by the replay tool: the
+// step, the two sides and the evidence files the server wrote.
+TEST(ExtensionsBinary, TheReplayToolNamesTheStepAndTheSidesOfARecordedDesync) {
+    ServerProcess server(ServerOptions{.arguments = {"--record", "rec"}});
+    ASSERT_TRUE(server.start());
+    TestClient a, b;
+    ASSERT_NE(startMatch(server.port(), {&a, &b}, {"Ann", "Bob"}), 0u);
+    for (std::uint32_t step = 1; step <= 2; ++step) {
+        a.send(kOrders, words({1, step, 0}));
+        b.send(kOrders, words({1, step, 1}));
+    }
+    a.send(kOrders, order(3, 0x6F, 901, ""));
+    b.send(kOrders, order(3, 0xDE, 901, ""));
+    ASSERT_TRUE(server.waitForLog("|||| Checksums failed at step 3 in room 1\n"));
+    for (TestClient* c : {&a, &b}) c->send(2, Writer().u32(8).u32(1).blob(bytesOf("world")).blob(bytesOf("log")).take());
+    ASSERT_TRUE(waitFor([&] {
+        return std::filesystem::exists(std::filesystem::path(server.root()) / "server_data/resyncs/room1_desync1_peer1.log");
+    }));
+    a.disconnect();
+    b.disconnect();
+    ASSERT_TRUE(server.waitForLog("deleted."));
+    EXPECT_EQ(server.stop(), 0);
+
+    std::vector<std::filesystem::path> files;
+    for (const auto& e : std::filesystem::directory_iterator(std::filesystem::path(server.root()) / "rec"))
+        files.push_back(e.path());
+    ASSERT_EQ(files.size(), 1u);
+    std::string out;
+    FILE* p = popen((std::string(LOCKSTEP_REPLAY_BIN) + " desync '" + files[0].string() + "'").c_str(), "r");
+    ASSERT_NE(p, nullptr);
+    char buffer[4096];
+    for (std::size_t n; (n = fread(buffer, 1, sizeof buffer, p)) > 0;) out.append(buffer, n);
+    EXPECT_EQ(pclose(p), 0) << out;
+    EXPECT_EQ(out.rfind("first desync at step 3 (the checksums differ)\n"
+                        "  checksum 0x0000006f: slot 0 \"Ann\"\n"
+                        "  checksum 0x000000de: slot 1 \"Bob\"\n",
+                        0),
+              0u)
+        << out;
+    for (const char* file : {"room1_desync1_peer0.world", "room1_desync1_peer0.log", "room1_desync1_peer1.world",
+                             "room1_desync1_peer1.log"})
+        EXPECT_NE(out.find(std::string("  server_data/resyncs/") + file + "  present"), std::string::npos) << out;
 }

@@ -254,6 +254,7 @@ std::string describe(const Record& record) {
             if (!d) return line + malformed(record);
             const std::string change = d->change == 1   ? "longer"
                                        : d->change == 2 ? "shorter"
+                                       : d->change == 0 ? "set back by the resync"
                                                         : "change " + std::to_string(d->change);
             return line + "delay " + change + " after step " + std::to_string(d->lastStep) + ", now " +
                    std::to_string(d->delay);
