@@ -249,15 +249,9 @@ struct ExtensionsHello {
     }
 };
 
-struct ExtensionsGranted {
-    LOCKSTEP_MESSAGE(100, "ExtensionsGranted");
-    std::uint32_t version = kExtensionsVersion;
-    std::vector<std::string> features;
-    template <typename F, typename M>
-    static void fields(F& f, M& m) {
-        f.u32(m.secondWord), f.u32(m.version);
-        f.list(m.features, 1, [](auto& g, auto& name) { g.str(name, kMaxFeatureNameLength); }, kMaxFeatures);
-    }
+// The answer has the hello's layout.
+struct ExtensionsGranted : ExtensionsHello {
+    static constexpr const char* kName = "ExtensionsGranted";
 };
 
 // The features a client may ask for, by name, and the bit each has in a

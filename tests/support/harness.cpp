@@ -132,3 +132,12 @@ TempDataRoot::~TempDataRoot() {
     std::error_code ec;
     std::filesystem::remove_all(root_, ec);
 }
+
+Bytes checksumOrder(std::uint32_t step, std::uint32_t value) {
+    Order o;
+    o.step = step;
+    o.argument = value;
+    o.firstList = {};
+    o.orderType = kChecksumOrderType;
+    return serializeOrder(o);
+}

@@ -73,6 +73,8 @@ PlayerSetup setupOf(std::uint32_t slot, std::uint32_t ready, const std::string& 
 std::vector<Sent> toEach(std::initializer_list<std::size_t> peers, std::uint8_t channel, const Bytes& bytes);
 std::vector<Sent> operator+(std::vector<Sent> a, const std::vector<Sent>& b);
 Bytes words(std::initializer_list<std::uint32_t> values);
+// The checksum order (type 901) of a step.
+Bytes checksumOrder(std::uint32_t step, std::uint32_t value);
 
 // An empty data root under /tmp for the test's lifetime; the previous
 // prefix and the real clock come back when it goes.

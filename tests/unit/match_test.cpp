@@ -18,15 +18,6 @@ Room& running(Harness& h, std::size_t n) {
 
 Bytes stepDone(std::uint32_t step, std::uint32_t slot) { return words({1, step, slot}); }
 
-Bytes checksum(std::uint32_t step, std::uint32_t value) {
-    Order o;
-    o.step = step;
-    o.argument = value;
-    o.firstList = {};
-    o.orderType = kChecksumOrderType;
-    return serializeOrder(o);
-}
-
 std::string error(const std::string& text) { return "#### ERROR \n" + text + "\n####"; }
 
 }  // namespace
@@ -66,7 +57,7 @@ TEST(Match, ResyncStepMalformedOrdersAndStrangers) {
     h.connect(1);
     room.match.resyncStep = 10;
     h.receive(0, kOrderChannel, stepDone(11, 0));
-    h.receive(0, kOrderChannel, checksum(11, 5));
+    h.receive(0, kOrderChannel, checksumOrder(11, 5));
     EXPECT_TRUE(h.takeSent().empty());
     EXPECT_TRUE(room.match.checksumRecords.empty());
     h.receive(0, kOrderChannel, stepDone(10, 0));
@@ -85,25 +76,25 @@ TEST(Match, ChecksumsCompareOncePerStepAndAMismatchStartsTheResync) {
     room.match.lastCompletedStep = 20;
     // Checksums from one player for ever new steps: at most a window's worth
     // of records, and none for steps far ahead.
-    h.receive(0, kOrderChannel, checksum(20 + kStepWindow, 1));
-    h.receive(0, kOrderChannel, checksum(21 + kStepWindow, 1));
+    h.receive(0, kOrderChannel, checksumOrder(20 + kStepWindow, 1));
+    h.receive(0, kOrderChannel, checksumOrder(21 + kStepWindow, 1));
     EXPECT_EQ(room.match.checksumRecords.size(), 1u);
     room.match.lastCompletedStep = 21 + 2 * kStepWindow;
-    h.receive(0, kOrderChannel, checksum(21 + 2 * kStepWindow, 1));
+    h.receive(0, kOrderChannel, checksumOrder(21 + 2 * kStepWindow, 1));
     EXPECT_EQ(room.match.checksumRecords.begin()->first, 21 + 2 * kStepWindow);  // the old one pruned
     EXPECT_EQ(room.match.checksumRecords.size(), 1u);
     room.match.checksumRecords.clear();
     room.match.lastCompletedStep = 20;
 
-    for (std::size_t p = 0; p < 3; ++p) h.receive(p, kOrderChannel, checksum(4, 5));
-    h.receive(0, kOrderChannel, checksum(5, 1));
-    h.receive(1, kOrderChannel, checksum(5, 2));
-    h.receive(2, kOrderChannel, checksum(5, 0));  // zero is no checksum yet
+    for (std::size_t p = 0; p < 3; ++p) h.receive(p, kOrderChannel, checksumOrder(4, 5));
+    h.receive(0, kOrderChannel, checksumOrder(5, 1));
+    h.receive(1, kOrderChannel, checksumOrder(5, 2));
+    h.receive(2, kOrderChannel, checksumOrder(5, 0));  // zero is no checksum yet
     EXPECT_TRUE(h.takeSent().empty());
     EXPECT_EQ(room.match.checksumRecords.size(), 1u);
     const auto desyncsBefore = metrics().desyncs.load();
     h.takeLogs();
-    h.receive(2, kOrderChannel, checksum(5, 1));
+    h.receive(2, kOrderChannel, checksumOrder(5, 1));
     EXPECT_EQ(h.takeLogs(), (std::vector<std::string>{error("|||| Checksums failed at step 5 in room 1")}));
     EXPECT_EQ(metrics().desyncs.load(), desyncsBefore + 1);
     EXPECT_TRUE(room.match.checksumRecords.empty());
@@ -116,7 +107,7 @@ TEST(Match, ChecksumsCompareOncePerStepAndAMismatchStartsTheResync) {
 
     // From the fourth desync on, the players hear the count.
     room.match.desyncCount = 3;
-    for (std::size_t p = 0; p < 3; ++p) h.receive(p, kOrderChannel, checksum(6, 7 + (p == 1)));
+    for (std::size_t p = 0; p < 3; ++p) h.receive(p, kOrderChannel, checksumOrder(6, 7 + (p == 1)));
     auto sent = h.takeSent();
     ASSERT_EQ(sent.size(), 9u);
     EXPECT_EQ(sent[3], (Sent{0, kTextChannel,

@@ -17,15 +17,6 @@ std::string error(const std::string& text) { return "#### ERROR \n" + text + "\n
 
 Bytes stepDone(std::uint32_t step, std::uint32_t slot) { return words({1, step, slot}); }
 
-Bytes checksumOrder(std::uint32_t step, std::uint32_t value) {
-    Order o;
-    o.step = step;
-    o.argument = value;
-    o.firstList = {};
-    o.orderType = kChecksumOrderType;
-    return serializeOrder(o);
-}
-
 // Peers 0..n-1 in a room brought to its running match through the lobby.
 Room& startedMatch(Harness& h, std::size_t n) {
     Room& room = h.roomOfReady(n);

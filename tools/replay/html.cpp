@@ -57,26 +57,8 @@ std::string label(double v) {
     return num(v);
 }
 
-std::string seconds(std::uint32_t millis) {
-    char text[32];
-    std::snprintf(text, sizeof text, "%u.%03u", millis / 1000, millis % 1000);
-    return text;
-}
 
-std::string hex32(std::uint32_t value) {
-    char text[16];
-    std::snprintf(text, sizeof text, "0x%08x", value);
-    return text;
-}
 
-std::string utcTime(std::uint64_t unixSeconds) {
-    const std::time_t t = static_cast<std::time_t>(unixSeconds);
-    std::tm tm{};
-    if (gmtime_r(&t, &tm) == nullptr) return "?";
-    char text[32];
-    std::strftime(text, sizeof text, "%Y-%m-%d %H:%M:%S UTC", &tm);
-    return text;
-}
 
 // A round tick spacing (1, 2 or 5 times a power of ten) giving at most
 // `most` ticks over `span`.

@@ -14,8 +14,6 @@ namespace fs = std::filesystem;
 
 namespace replay {
 
-namespace {
-
 std::string hex32(std::uint32_t value) {
     char text[16];
     std::snprintf(text, sizeof text, "0x%08x", value);
@@ -28,8 +26,6 @@ std::string seconds(std::uint32_t millis) {
     return text;
 }
 
-std::string quoted(const std::string& text) { return "\"" + printable(text) + "\""; }
-
 std::string utcTime(std::uint64_t unixSeconds) {
     const std::time_t t = static_cast<std::time_t>(unixSeconds);
     std::tm tm{};
@@ -38,6 +34,13 @@ std::string utcTime(std::uint64_t unixSeconds) {
     std::strftime(text, sizeof text, "%Y-%m-%d %H:%M:%S UTC", &tm);
     return text;
 }
+
+namespace {
+
+
+
+std::string quoted(const std::string& text) { return "\"" + printable(text) + "\""; }
+
 
 // The first bytes of an order, enough to tell two orders apart at a glance.
 std::string hexPrefix(ByteView bytes, std::size_t limit) {

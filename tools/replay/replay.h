@@ -77,6 +77,10 @@ int html(ByteView file, std::ostream& out, std::ostream& err);
 // Text from the wire's 8-bit strings, safe for a terminal: printable ASCII
 // as is, anything else as \xNN.
 std::string printable(const std::string& text);
+// "0x0000abcd"; "12.345" seconds from milliseconds; "2026-11-24 09:30:00 UTC".
+std::string hex32(std::uint32_t value);
+std::string seconds(std::uint32_t millis);
+std::string utcTime(std::uint64_t unixSeconds);
 
 }  // namespace replay
 
