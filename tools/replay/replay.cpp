@@ -354,8 +354,10 @@ DesyncFinding findDesync(const std::vector<Record>& records) {
         finding.fromChecksums = true;
         finding.step = step;
         for (const auto& [slot, value] : slots) {
+            // A copy: clang 14 cannot capture a structured binding in a lambda.
+            const std::uint32_t checksum = value;
             auto side = std::find_if(finding.sides.begin(), finding.sides.end(),
-                                     [&](const DesyncFinding::Side& s) { return s.checksum == value; });
+                                     [checksum](const DesyncFinding::Side& s) { return s.checksum == checksum; });
             if (side == finding.sides.end()) {
                 finding.sides.push_back({value, {}});
                 side = finding.sides.end() - 1;
