@@ -22,9 +22,8 @@ void handleConnect(Server& server, ENetPeer* peer) {
         disconnectNow(peer);
         return;
     }
-    static std::uint64_t connections = 0;
     auto* info = new PeerInfo(makePeerInfo(peer->address));
-    info->connection = ++connections;
+    info->connection = ++server.connectionsMade;
     logMessage("A new client connected from " + peerAddressText(*info));
     peer->data = info;
     server.peers.insert(peer);

@@ -3,6 +3,7 @@
 // server. Handlers are given only the parts they use.
 
 #include <cstdint>
+#include <ctime>
 #include <set>
 #include <unordered_map>
 #include <string>
@@ -22,6 +23,17 @@
 
 inline constexpr std::uint16_t kDefaultPort = 1984;
 inline constexpr std::size_t kMaxPeers = 1024;
+
+// When the loop last did what it does now and then (steadyMicros), and the
+// local calendar of the current second.
+struct LoopClocks {
+    std::uint64_t roomWork = 0;
+    std::uint64_t waitingCheck = 0;
+    std::uint64_t stallCheck = 0;
+    std::uint64_t recordingFlush = 0;
+    std::int64_t localSecond = -1;
+    std::tm local{};
+};
 
 struct Server {
     Limits limits;
@@ -57,14 +69,15 @@ struct Server {
     std::int64_t reportDay = -1;
     std::uint64_t reportBytesToday = 0;
     Downloads downloads;
-    // When the downloads were last looked at for stalls (steadyMicros).
-    std::uint64_t stallCheckMicros = 0;
     AnnouncementsCache announcements;
     // --record: where matches are recorded (the rooms point here).
     Recordings recordings;
+    LoopClocks clocks;
+    // Connections made since the start: each peer's number, which work that
+    // finishes later checks (a reused ENet peer is another connection).
+    std::uint64_t connectionsMade = 0;
     // The extension features switched on by their options (Feature bits).
     std::uint32_t features = 0;
-    std::uint64_t recordingFlushMicros = 0;
     // Every file written or update file read goes through here. Declared
     // last, so it is drained while everything its completions reach exists.
     Storage storage;

@@ -32,15 +32,13 @@ void runRoomWork(Server& server) {
 namespace {
 // The local calendar changes once a second at most; converting the clock on
 // every wake-up would cost a time-zone lookup per packet under load.
-const std::tm& localTimeThisSecond() {
-    static std::int64_t second = -1;
-    static std::tm local{};
+const std::tm& localTimeThisSecond(LoopClocks& clocks) {
     std::int64_t now = unixNow();
-    if (now != second) {
-        second = now;
-        local = localNow();
+    if (now != clocks.localSecond) {
+        clocks.localSecond = now;
+        clocks.local = localNow();
     }
-    return local;
+    return clocks.local;
 }
 
 // True at most once per period of the loop's clock.
@@ -51,28 +49,12 @@ bool due(std::uint64_t& last, std::uint64_t periodMicros) {
     return true;
 }
 
-// The room work walks every room, and the order-delay controller in it counts
-// its calls (a pass every 15th, a decision every 41st pass). Its pace was set
-// by a loop that sleeps at least 2 ms per step; the loop now wakes on every
-// packet, so the room work keeps that pace at most instead of running once per
-// wake-up: a busy server would otherwise decide delays many times a second
-// and walk every room for every packet.
-bool roomWorkDue() {
-    static std::uint64_t last = 0;
-    return due(last, kRoomWorkPeriodMs * 1000);
-}
-
-// Ten times a second is often enough to see partial messages pile up: a
-// peer adds at most the host's bandwidth in that time.
-bool waitingCheckDue() {
-    static std::uint64_t last = 0;
-    return due(last, 100'000);
-}
 }  // namespace
 
 bool serviceStep(Server& server) {
     if (server.host == nullptr) return false;
-    checkPeriodicDump(server, localTimeThisSecond());
+    LoopClocks& clocks = server.clocks;
+    checkPeriodicDump(server, localTimeThisSecond(clocks));
 
     bool handled = false;
     ENetEvent event;
@@ -113,20 +95,28 @@ bool serviceStep(Server& server) {
     // connects, disconnects and packets keep the loop's interval short.
     server.storage.poll();
     pumpDownloads(server.storage, server.downloads);
-    if (due(server.stallCheckMicros, 1'000'000))
+    if (due(clocks.stallCheck, 1'000'000))
         for (ENetPeer* peer : stalledDownloads(server.downloads, steadyMicros())) {
             countLimit(LimitFired::downloadStall);
             logError("|||| Peer " + peerAddressText(peer) + " took none of its download for " +
                      std::to_string(server.limits.downloadStallSeconds) + " s. Disconnecting it");
             cutOff(server, peer);
         }
-    if (roomWorkDue()) runRoomWork(server);
+    // The room work walks every room, and the order-delay controller in it
+    // counts its calls (a pass every 15th, a decision every 41st pass). Its
+    // pace was set by a loop that sleeps at least 2 ms per step; the loop now
+    // wakes on every packet, so the room work keeps that pace at most instead
+    // of running once per wake-up: a busy server would otherwise decide delays
+    // many times a second and walk every room for every packet.
+    if (due(clocks.roomWork, kRoomWorkPeriodMs * 1000)) runRoomWork(server);
     // Recorded matches hand their records to the worker in batches, about
     // ten a second: a write per order would cost the worker, and a batch a
     // second would hold more of a busy match in memory.
-    if (!server.recordings.directory.empty() && due(server.recordingFlushMicros, 100'000))
+    if (!server.recordings.directory.empty() && due(clocks.recordingFlush, 100'000))
         for (auto& [id, room] : server.rooms.byId) flushRecording(server.storage, room->match);
     cutOffPeersOverLimit(server);
-    if (waitingCheckDue()) cutOffOverWaitingTotal(server);
+    // Ten times a second is often enough to see partial messages pile up: a
+    // peer adds at most the host's bandwidth in that time.
+    if (due(clocks.waitingCheck, 100'000)) cutOffOverWaitingTotal(server);
     return handled;
 }
