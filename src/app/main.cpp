@@ -26,6 +26,7 @@
 #include "platform/notify.h"
 #include "platform/process.h"
 #include "platform/signals.h"
+#include "platform/wakeup.h"
 #include "platform/files.h"
 #include "stats/events.h"
 #include "stats/netreport.h"
@@ -71,14 +72,16 @@ void publishStatus(const Server& server, bool notify) {
 
 // Instead of sleeping blindly, wait on the host's socket for at most the
 // interval: a packet that arrives during the wait is served at once rather
-// than after the rest of the sleep. Signals end the wait too.
+// than after the rest of the sleep. Signals, finished disk jobs and work
+// posted by other threads end the wait too, through the inbox's eventfd.
 void waitForTraffic(Server& server, std::uint32_t intervalMs) {
     if (server.host == nullptr) {
         sleepMilliseconds(intervalMs);
         return;
     }
-    enet_uint32 condition = ENET_SOCKET_WAIT_RECEIVE | ENET_SOCKET_WAIT_INTERRUPT;
-    if (enet_socket_wait(server.host->socket, &condition, intervalMs) != 0) sleepMilliseconds(intervalMs);
+    if (!waitForSocketOrWakeup(static_cast<int>(server.host->socket), server.inbox.wakeup(),
+                               static_cast<int>(intervalMs)))
+        sleepMilliseconds(intervalMs);
 }
 
 // The endpoint's bounds are read once, before it starts; problems in the
@@ -180,7 +183,9 @@ int main(int argc, char** argv) {
         last = unixNow();
         logMessage("Storage queue full: the loop waits for the disk");
     };
+    server->storage.onDone = [&inbox = server->inbox] { inbox.wakeup().signal(); };
     server->storage.start();
+    wakeOnSignals(server->inbox.wakeup().fd());
     beginConsoleKeys();
     notifyReady();
     metrics().listening.store(true);
@@ -243,6 +248,7 @@ int main(int argc, char** argv) {
     }
 
     notifyStopping();
+    wakeOnSignals(-1);
     endConsoleKeys();
     stopServer(*server);
     server.reset();

@@ -15,6 +15,7 @@
 #include "app/limits.h"
 #include "lobby/room.h"
 #include "platform/storage.h"
+#include "platform/wakeup.h"
 #include "stats/events.h"
 #include "stats/statistics.h"
 #include "update/downloads.h"
@@ -51,6 +52,10 @@ struct Server {
     std::int64_t reportDay = -1;
     std::uint64_t reportBytesToday = 0;
     Downloads downloads;
+    // Work other threads hand the loop, and the eventfd that wakes it for
+    // that, for a finished disk job and for a signal. Before the storage,
+    // which signals it until it is drained.
+    LoopInbox inbox;
     // Every file written or update file read goes through here. Declared
     // last, so it is drained while everything its completions reach exists.
     Storage storage;

@@ -107,6 +107,7 @@ bool serviceStep(Server& server) {
     }
     server.eventsLeft = events == kMaxEventsPerTurn;
     handled = server.storage.poll() > 0 || handled;
+    server.inbox.run();
     pumpDownloads(server.storage, server.downloads);
     if (roomWorkDue()) runRoomWork(server);
     cutOffPeersOverLimit(server);

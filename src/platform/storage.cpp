@@ -83,6 +83,7 @@ void Storage::run() {
         entry = Entry{};  // the job's data goes before the next one is taken
         lock.lock();
         done_.push_back(std::move(done));
+        if (onDone) onDone();
         --inFlight_;
         roomOrDone_.notify_all();
     }

@@ -44,6 +44,9 @@ public:
     void submit(Job job, std::size_t bytes = 0);
     // Called on the loop each time it has to wait for room.
     std::function<void()> onFull;
+    // Called on the worker, under the queue's lock, each time a completion
+    // is ready: it wakes the loop and must do nothing more. Set before start().
+    std::function<void()> onDone;
     // Runs the completions of finished jobs; returns how many ran.
     std::size_t poll();
     // Waits until every queued job has finished, running completions.
