@@ -72,8 +72,12 @@ void seated(const Incoming& in) {
 std::uint32_t now32() { return static_cast<std::uint32_t>(unixNow()); }
 
 // ---- Lobby ----
-void onCreateRoom(const Incoming& in, CreateRoom& m) { createRoom(in.server.rooms, in.peer, m); }
-void onJoinRoom(const Incoming& in, JoinRoom& m) { joinRoom(in.server.rooms, in.peer, m.roomId); }
+void onCreateRoom(const Incoming& in, CreateRoom& m) {
+    if (!refusedByDrain(in.server, in.peer)) createRoom(in.server.rooms, in.peer, m);
+}
+void onJoinRoom(const Incoming& in, JoinRoom& m) {
+    if (!refusedByDrain(in.server, in.peer)) joinRoom(in.server.rooms, in.peer, m.roomId);
+}
 void onLeaveRoom(const Incoming& in, LeaveRoom&) { leaveRoom(in.server.rooms, in.peer, false); }
 void onPlayerSetup(const Incoming& in, PlayerSetup& m) { updatePlayerSetup(in.server.rooms, in.peer, std::move(m)); }
 void onSlotState(const Incoming& in, SlotState& m) { changeSlotState(in.server.rooms, in.peer, m, in.packet); }

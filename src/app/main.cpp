@@ -12,6 +12,7 @@
 
 #include <enet/enet.h>
 
+#include "app/drain.h"
 #include "app/options.h"
 #include "app/pacing.h"
 #include "app/peers.h"
@@ -43,6 +44,9 @@ void handleKey(Server& server, int key) {
             break;
         case 'd':
             dumpEvents(server.storage, server.events, server.statistics, "keypress_dump");
+            break;
+        case kDrainKey:
+            if (server.drain.seconds != 0) drainRequested = 1;
             break;
         case 'b': {
             std::uint64_t refused = 0;
@@ -175,6 +179,8 @@ int main(int argc, char** argv) {
     auto server = std::make_unique<Server>();
     server->limitsFile = limitsFile;
     server->limitsFileNamed = options.limitsFile.has_value();
+    server->drain.seconds = options.drainSeconds;
+    if (options.drainSeconds != 0) drainOnTerminate();
     startServer(*server);
     loadLimits(*server);
     loadBans(*server);
@@ -232,6 +238,8 @@ int main(int argc, char** argv) {
             handleKey(*server, 'r');
             handleKey(*server, 't');
         }
+        if (drainRequested && !server->drain.active) startDrain(*server, steadyMicros());
+        if (drainFinished(*server, steadyMicros())) break;
         if (Steady::now() >= nextPublish) {
             publishStatus(*server, publishes++ % 5 == 0);
             nextPublish = Steady::now() + std::chrono::seconds(1);

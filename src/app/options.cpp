@@ -31,6 +31,11 @@ int parseOptions(int argc, char** argv, Options& options) {
     app.add_option("--metrics", metrics, "Serve Prometheus metrics over HTTP at ADDR:PORT (off by default)")
         ->type_name("ADDR:PORT");
     app.add_option("--limits", limits, "Read the limits from FILE instead of settings/limits.conf")->type_name("FILE");
+    app.add_option("--drain", options.drainSeconds,
+                   "SIGTERM (or the key q) drains: no new games, running ones get up to SECONDS to end, then the "
+                   "server stops (off by default: SIGTERM stops at once)")
+        ->type_name("SECONDS")
+        ->check(CLI::Range(1u, 86400u));
     try {
         app.parse(argc, argv);
     } catch (const CLI::CallForHelp& e) {

@@ -11,6 +11,8 @@ struct Options {
     std::optional<std::string> metricsHost;
     std::uint16_t metricsPort = 0;
     std::optional<std::string> limitsFile;
+    // --drain: 0 when SIGTERM stops at once.
+    std::uint32_t drainSeconds = 0;
 };
 
 // Returns -1 to go on, or the exit status to end with at once (0 after

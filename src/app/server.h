@@ -12,6 +12,7 @@
 
 #include "app/budgets.h"
 #include "app/connections.h"
+#include "app/drain.h"
 #include "app/limits.h"
 #include "lobby/room.h"
 #include "platform/storage.h"
@@ -52,6 +53,7 @@ struct Server {
     std::int64_t reportDay = -1;
     std::uint64_t reportBytesToday = 0;
     Downloads downloads;
+    Drain drain;
     // Work other threads hand the loop, and the eventfd that wakes it for
     // that, for a finished disk job and for a signal. Before the storage,
     // which signals it until it is drained.

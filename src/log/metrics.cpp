@@ -100,6 +100,7 @@ HealthAnswer loopHealth(std::uint64_t nowMicros) {
 }
 
 HealthAnswer readiness() {
+    if (metrics().draining.load()) return {503, "draining\n"};
     if (metrics().listening.load()) return {200, "ready\n"};
     return {503, "not listening yet\n"};
 }
@@ -116,6 +117,8 @@ std::string renderMetrics(std::int64_t nowUnix, std::uint64_t nowMicros) {
     sample(out, "lockstep_rooms", m.rooms.load());
     family(out, "lockstep_matches_running", "gauge", "Rooms whose match is running.");
     sample(out, "lockstep_matches_running", m.matchesRunning.load());
+    family(out, "lockstep_draining", "gauge", "1 while a drain runs: no new games, the server stops when the matches end.");
+    sample(out, "lockstep_draining", m.draining.load() ? 1 : 0);
     perChannel(out, "lockstep_messages_received_total", "Packets received, by channel.", m.messagesIn);
     perChannel(out, "lockstep_received_bytes_total", "Packet bytes received, by channel.", m.bytesIn);
     perChannel(out, "lockstep_messages_sent_total", "Packets sent (one per recipient), by channel.", m.messagesOut);
