@@ -12,6 +12,7 @@
 
 #include <enet/enet.h>
 
+#include "app/agones.h"
 #include "app/drain.h"
 #include "app/options.h"
 #include "app/pacing.h"
@@ -195,6 +196,11 @@ int main(int argc, char** argv) {
     beginConsoleKeys();
     notifyReady();
     metrics().listening.store(true);
+    std::unique_ptr<Agones> agones;
+    if (options.agones) {
+        agones = std::make_unique<Agones>(sidecarPort(), options.agonesHealthSeconds);
+        agonesReady(*agones);
+    }
     // Pinged at a third of the service manager's time-out, so one late turn
     // is no restart.
     const std::chrono::microseconds watchdogEvery{watchdogTimeoutMicros() / 3};
@@ -238,6 +244,7 @@ int main(int argc, char** argv) {
             handleKey(*server, 'r');
             handleKey(*server, 't');
         }
+        if (agones) agonesTurn(*agones, *server, Steady::now());
         if (drainRequested && !server->drain.active) startDrain(*server, steadyMicros());
         if (drainFinished(*server, steadyMicros())) break;
         if (Steady::now() >= nextPublish) {
@@ -259,6 +266,8 @@ int main(int argc, char** argv) {
     wakeOnSignals(-1);
     endConsoleKeys();
     stopServer(*server);
+    if (agones) agonesShutdown(*agones);
+    agones.reset();
     server.reset();
     enet_deinitialize();
     logMessage("Enet server deinitialized");
