@@ -249,6 +249,7 @@ int main(int argc, char** argv) {
         if (drainFinished(*server, steadyMicros())) break;
         if (Steady::now() >= nextPublish) {
             publishStatus(*server, publishes++ % 5 == 0);
+            metrics().storagePending.store(server->storage.pending(), std::memory_order_relaxed);
             nextPublish = Steady::now() + std::chrono::seconds(1);
         }
         if (watchdogEvery.count() != 0 && Steady::now() >= nextWatchdog) {

@@ -3,6 +3,7 @@
 #include <chrono>
 #include <cstdio>
 
+#include "platform/files.h"
 #include "platform/process.h"
 
 MetricsCounters& metrics() {
@@ -117,6 +118,11 @@ std::string renderMetrics(std::int64_t nowUnix, std::uint64_t nowMicros) {
     sample(out, "lockstep_rooms", m.rooms.load());
     family(out, "lockstep_matches_running", "gauge", "Rooms whose match is running.");
     sample(out, "lockstep_matches_running", m.matchesRunning.load());
+    family(out, "lockstep_storage_pending_jobs", "gauge", "Disk jobs queued or running on the storage worker.");
+    sample(out, "lockstep_storage_pending_jobs", m.storagePending.load());
+    family(out, "lockstep_disk_write_failures_total", "counter",
+           "Files that could not be written or appended to whole (full or failing disk).");
+    sample(out, "lockstep_disk_write_failures_total", diskWriteFailures());
     family(out, "lockstep_draining", "gauge", "1 while a drain runs: no new games, the server stops when the matches end.");
     sample(out, "lockstep_draining", m.draining.load() ? 1 : 0);
     perChannel(out, "lockstep_messages_received_total", "Packets received, by channel.", m.messagesIn);

@@ -51,6 +51,7 @@ struct MetricsCounters {
     std::atomic<std::uint64_t> peersConnected{0};
     std::atomic<std::uint64_t> rooms{0};
     std::atomic<std::uint64_t> matchesRunning{0};
+    std::atomic<std::uint64_t> storagePending{0};
 
     // Step completion: from the first report of a step to its notice.
     Histogram stepCompletion{{0.001, 0.0025, 0.005, 0.01, 0.025, 0.05, 0.1, 0.25, 0.5, 1.0}};

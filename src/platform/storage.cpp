@@ -69,6 +69,11 @@ void Storage::drain() {
     }
 }
 
+std::size_t Storage::pending() {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return inFlight_;
+}
+
 void Storage::run() {
     std::unique_lock<std::mutex> lock(mutex_);
     for (;;) {

@@ -51,6 +51,8 @@ public:
     std::size_t poll();
     // Waits until every queued job has finished, running completions.
     void drain();
+    // Jobs queued or running, for the metrics.
+    std::size_t pending();
 
 private:
     struct Entry {
