@@ -7,7 +7,8 @@
 #include "app/server.h"
 #include "log/log.h"
 
-SidecarClient::SidecarClient(std::string host, std::uint16_t port) : host_(std::move(host)), port_(port) {
+SidecarClient::SidecarClient(std::string host, std::uint16_t port, SidecarReport report)
+    : host_(std::move(host)), port_(port), report_(std::move(report)) {
     worker_ = std::thread([this] { run(); });
 }
 
@@ -52,7 +53,7 @@ SidecarClient::Outcome SidecarClient::send(const SidecarCall& call) {
     const std::string what = call.method + " " + call.path;
     auto failed = [&](const std::string& why, Outcome outcome) {
         if (failuresInRun_++ == 0)
-            logMessage("Agones: " + what + " " + why +
+            report_("Agones: " + what + " " + why +
                        (outcome == Outcome::retry ? "; calls are retried with back-off" : "; not retried") +
                        " (logged once until the sidecar answers again)");
         return outcome;
@@ -63,7 +64,7 @@ SidecarClient::Outcome SidecarClient::send(const SidecarCall& call) {
         return failed("answered " + std::to_string(res->status), Outcome::retry);
     if (res->status >= 300) return failed("refused with " + std::to_string(res->status), Outcome::refused);
     if (failuresInRun_ != 0) {
-        logMessage("Agones: the sidecar answers again after " + std::to_string(failuresInRun_) + " failed calls");
+        report_("Agones: the sidecar answers again after " + std::to_string(failuresInRun_) + " failed calls");
         failuresInRun_ = 0;
     }
     return Outcome::done;
@@ -104,8 +105,8 @@ std::string counterBody(std::uint64_t count, std::uint64_t capacity) {
     return "{\"count\":\"" + std::to_string(count) + "\",\"capacity\":\"" + std::to_string(capacity) + "\"}";
 }
 
-Agones::Agones(std::uint16_t port, std::uint32_t healthSeconds)
-    : port(port), client("localhost", port), healthEvery(std::chrono::seconds(healthSeconds)) {}
+Agones::Agones(std::uint16_t port, std::uint32_t healthSeconds, SidecarReport report)
+    : port(port), client("localhost", port, std::move(report)), healthEvery(std::chrono::seconds(healthSeconds)) {}
 
 void agonesReady(Agones& agones) {
     logMessage("Agones: the sidecar is at localhost:" + std::to_string(agones.port));

@@ -10,6 +10,7 @@
 #include <condition_variable>
 #include <cstdint>
 #include <deque>
+#include <functional>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -22,9 +23,12 @@ struct SidecarCall {
     std::string body;
 };
 
+// Where the worker's lines go: handed to the loop, which logs them.
+using SidecarReport = std::function<void(std::string line)>;
+
 class SidecarClient {
 public:
-    SidecarClient(std::string host, std::uint16_t port);
+    SidecarClient(std::string host, std::uint16_t port, SidecarReport report);
     // Abandons what is still queued (after flush, if the caller wants it out).
     ~SidecarClient();
     SidecarClient(const SidecarClient&) = delete;
@@ -55,6 +59,7 @@ private:
 
     std::string host_;
     std::uint16_t port_;
+    SidecarReport report_;
     std::mutex mutex_;
     std::condition_variable changed_;
     std::deque<Entry> queue_;
@@ -78,7 +83,7 @@ inline constexpr std::uint64_t kRoomsCapacity = 128;
 
 // The loop's side: when to ping and what was last said.
 struct Agones {
-    explicit Agones(std::uint16_t port, std::uint32_t healthSeconds);
+    Agones(std::uint16_t port, std::uint32_t healthSeconds, SidecarReport report);
     std::uint16_t port;
     SidecarClient client;
     std::chrono::microseconds healthEvery;

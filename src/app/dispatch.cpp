@@ -3,6 +3,7 @@
 #include <optional>
 #include <string>
 
+#include "app/drain.h"
 #include "app/peers.h"
 #include "lobby/lobby.h"
 #include "log/log.h"

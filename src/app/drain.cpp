@@ -47,6 +47,13 @@ bool drainFinished(const Server& server, std::uint64_t nowMicros) {
     return false;
 }
 
+std::uint32_t drainWaitMillis(const Drain& drain, std::uint64_t nowMicros, std::uint32_t intervalMs) {
+    if (!drain.active) return intervalMs;
+    if (nowMicros >= drain.deadlineMicros) return 0;
+    const std::uint64_t left = (drain.deadlineMicros - nowMicros + 999) / 1000;
+    return left < intervalMs ? static_cast<std::uint32_t>(left) : intervalMs;
+}
+
 bool refusedByDrain(const Server& server, ENetPeer* peer) {
     // A peer in a room gets no reply to these today; it gets none now.
     if (!server.drain.active || roomOf(server.rooms, peer) != nullptr) return false;

@@ -8,15 +8,9 @@
 
 #include <enet/enet.h>
 
-struct Server;
+#include "app/drain_state.h"
 
-struct Drain {
-    // --drain: how long running matches may still go on; 0: no drains.
-    std::uint32_t seconds = 0;
-    bool active = false;
-    // steadyMicros() past which the server stops whatever still runs.
-    std::uint64_t deadlineMicros = 0;
-};
+struct Server;
 
 // The console key that starts a drain (with --drain).
 inline constexpr int kDrainKey = 'q';
@@ -34,6 +28,9 @@ std::uint32_t matchesUnderWay(const Server& server);
 // True, with its line logged, once an active drain has run its course: no
 // match left, or the deadline passed.
 bool drainFinished(const Server& server, std::uint64_t nowMicros);
+// The loop's wait, cut short so that a drain's deadline is kept to the
+// millisecond rather than to the end of an idle wait.
+std::uint32_t drainWaitMillis(const Drain& drain, std::uint64_t nowMicros, std::uint32_t intervalMs);
 // During a drain, a CreateRoom or JoinRoom from a peer in no room is refused
 // (the refusal sent here); true when it was.
 bool refusedByDrain(const Server& server, ENetPeer* peer);

@@ -198,7 +198,11 @@ int main(int argc, char** argv) {
     metrics().listening.store(true);
     std::unique_ptr<Agones> agones;
     if (options.agones) {
-        agones = std::make_unique<Agones>(sidecarPort(), options.agonesHealthSeconds);
+        // The worker's lines are logged by the loop, in order with its own.
+        agones = std::make_unique<Agones>(sidecarPort(), options.agonesHealthSeconds,
+                                          [&inbox = server->inbox](std::string line) {
+                                              inbox.post([line = std::move(line)] { logMessage(line); });
+                                          });
         agonesReady(*agones);
     }
     // Pinged at a third of the service manager's time-out, so one late turn
@@ -260,7 +264,8 @@ int main(int argc, char** argv) {
             metrics().loopTurn.observe(static_cast<double>(monotonicMicros() - turnStart) / 1e6);
             metrics().loopTurnCpu.observe(static_cast<double>(threadCpuMicros() - turnCpuStart) / 1e6);
         }
-        if (!server->eventsLeft) waitForTraffic(*server, pacing.pollInterval);
+        if (!server->eventsLeft)
+            waitForTraffic(*server, drainWaitMillis(server->drain, steadyMicros(), pacing.pollInterval));
     }
 
     notifyStopping();
@@ -269,6 +274,7 @@ int main(int argc, char** argv) {
     stopServer(*server);
     if (agones) agonesShutdown(*agones);
     agones.reset();
+    server->inbox.run();
     server.reset();
     enet_deinitialize();
     logMessage("Enet server deinitialized");

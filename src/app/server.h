@@ -12,7 +12,7 @@
 
 #include "app/budgets.h"
 #include "app/connections.h"
-#include "app/drain.h"
+#include "app/drain_state.h"
 #include "app/limits.h"
 #include "lobby/room.h"
 #include "platform/storage.h"

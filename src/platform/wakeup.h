@@ -34,9 +34,9 @@ private:
 bool waitForSocketOrWakeup(int socketFd, const Wakeup& wakeup, int timeoutMs);
 
 // Work handed to the loop: any thread posts, the loop runs what was posted,
-// in order, at its next turn. Posts come only from the server's own threads
-// (the storage worker, the fleet client), each of which posts a bounded
-// amount per job, so the queue needs no bound of its own.
+// in order, at its next turn. Posts come only from the server's own threads,
+// never on a client's behalf (the fleet client posts its few log lines), so
+// the queue needs no bound of its own.
 class LoopInbox {
 public:
     void post(std::function<void()> work);

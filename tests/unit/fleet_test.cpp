@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include "app/agones.h"
+#include "app/drain.h"
 #include "log/metrics.h"
 #include "platform/files.h"
 
@@ -30,4 +31,15 @@ TEST(Fleet, FailedWritesAreCountedForTheMetrics) {
 
 TEST(Fleet, CountersTravelAsTheGatewayMapsInt64) {
     EXPECT_EQ(counterBody(3, 1024), R"({"count":"3","capacity":"1024"})");
+}
+
+TEST(Fleet, TheLoopWaitsNoLongerThanADrainHasLeft) {
+    Drain drain{.seconds = 10};
+    EXPECT_EQ(drainWaitMillis(drain, 0, 440), 440u);
+    drain.active = true;
+    drain.deadlineMicros = 1'000'000;
+    EXPECT_EQ(drainWaitMillis(drain, 0, 440), 440u);
+    EXPECT_EQ(drainWaitMillis(drain, 900'000, 440), 100u);
+    EXPECT_EQ(drainWaitMillis(drain, 999'999, 440), 1u);
+    EXPECT_EQ(drainWaitMillis(drain, 1'000'000, 440), 0u);
 }
