@@ -5,6 +5,8 @@
 set -e
 promtool=$(command -v promtool || true)
 [ -n "$promtool" ] || promtool="$2/deploy-tools/promtool"
+# The sanitizer builds use the one `make test` fetched into build/.
+[ -x "$promtool" ] || promtool="$1/build/deploy-tools/promtool"
 if [ ! -x "$promtool" ]; then
     echo "promtool is not installed; skipped"
     exit 77
