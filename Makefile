@@ -6,9 +6,9 @@ JOBS ?= $(shell nproc 2>/dev/null || echo 2)
 DATA_ROOT ?= var
 
 # Debian packages the build and the tests need.
-PACKAGES := g++ cmake make pkg-config libenet-dev libgtest-dev libcli11-dev libsystemd-dev libcpp-httplib-dev libsodium-dev faketime dpkg-dev file
+PACKAGES := g++ cmake make pkg-config libenet-dev libgtest-dev libcli11-dev libsystemd-dev libcpp-httplib-dev libsodium-dev faketime dpkg-dev file python3-yaml
 
-.PHONY: all deps deps-sanitize build build-server run test test-asan fuzz soak install deb clean bench replay-screenshot
+.PHONY: all deps deps-sanitize build build-server run test test-asan fuzz soak install deb clean bench replay-screenshot promtool
 
 FUZZ_SECONDS ?= 30
 
@@ -52,8 +52,20 @@ run: build-server $(DATA_ROOT)/server_data $(DATA_ROOT)/settings/server.config $
 	@echo "lockstep-server: the port is the first line of $(DATA_ROOT)/settings/server.config; stop with Ctrl+C"
 	cd $(DATA_ROOT) && exec ../$(BUILD_DIR)/lockstep-server
 
-test: build
+test: build promtool
 	cd $(BUILD_DIR) && ctest --output-on-failure -j $(JOBS) --timeout 300
+
+# promtool, for the tests of the alert rules in deploy/prometheus, taken out
+# of Debian's prometheus package into $(BUILD_DIR)/deploy-tools rather than
+# installing the package, which would also start a Prometheus server on the
+# machine. When it cannot be had, the rules' test is skipped.
+promtool:
+	@if command -v promtool >/dev/null 2>&1 || [ -x $(BUILD_DIR)/deploy-tools/promtool ]; then exit 0; fi; \
+	mkdir -p $(BUILD_DIR)/deploy-tools/prometheus-deb && cd $(BUILD_DIR)/deploy-tools/prometheus-deb && \
+	{ apt-get download -q prometheus >/dev/null 2>&1 || \
+	  { [ "$$(id -u)" -eq 0 ] && DEBIAN_FRONTEND=noninteractive apt-get update -q >/dev/null && apt-get download -q prometheus >/dev/null 2>&1; }; } && \
+	dpkg-deb --fsys-tarfile prometheus_*.deb | tar -x ./usr/bin/promtool && mv usr/bin/promtool ../promtool && \
+	cd .. && rm -rf prometheus-deb || { echo "promtool could not be fetched; the alert rules' test is skipped" >&2; rm -rf $(BUILD_DIR)/deploy-tools/prometheus-deb; }
 
 # The sanitizer builds use clang and its runtimes.
 SANITIZE_PACKAGES := clang libclang-rt-14-dev

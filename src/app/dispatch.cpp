@@ -4,6 +4,7 @@
 #include <optional>
 #include <string>
 
+#include "app/drain.h"
 #include "app/peers.h"
 #include "lobby/lobby.h"
 #include "log/log.h"
@@ -116,6 +117,7 @@ bool mayCreateRoom(const Incoming& in) {
     Server& s = in.server;
     // From inside a room the request changes nothing, so it costs nothing.
     if (roomOf(s.rooms, in.peer) != nullptr) return false;
+    if (refusedByDrain(s, in.peer)) return false;
     if (s.limits.maxRooms != 0 && s.rooms.byId.size() >= s.limits.maxRooms) {
         sendBytes(in.peer, kTextChannel, encode(Text{kTooManyRooms}));
         refused(in, LimitFired::maxRooms, "room not created: max_rooms reached");
@@ -133,7 +135,9 @@ bool mayCreateRoom(const Incoming& in) {
 void onCreateRoom(const Incoming& in, CreateRoom& m) {
     if (mayCreateRoom(in)) createRoom(in.server.rooms, in.peer, m);
 }
-void onJoinRoom(const Incoming& in, JoinRoom& m) { joinRoom(in.server.rooms, in.peer, m.roomId); }
+void onJoinRoom(const Incoming& in, JoinRoom& m) {
+    if (!refusedByDrain(in.server, in.peer)) joinRoom(in.server.rooms, in.peer, m.roomId);
+}
 void onLeaveRoom(const Incoming& in, LeaveRoom&) { leaveRoom(in.server.rooms, in.peer, false); }
 void onPlayerSetup(const Incoming& in, PlayerSetup& m) { updatePlayerSetup(in.server.rooms, in.peer, std::move(m)); }
 void onSlotState(const Incoming& in, SlotState& m) { changeSlotState(in.server.rooms, in.peer, m, in.packet); }
@@ -172,7 +176,9 @@ void onExtensionsHello(const Incoming& in, ExtensionsHello& m) {
 void onCreatePrivateRoom(const Incoming& in, CreatePrivateRoom& m) {
     if (mayCreateRoom(in)) createPrivateRoom(in.server.rooms, in.peer, m);
 }
-void onJoinPrivateRoom(const Incoming& in, JoinPrivateRoom& m) { joinPrivateRoom(in.server.rooms, in.peer, m.roomId, m.password); }
+void onJoinPrivateRoom(const Incoming& in, JoinPrivateRoom& m) {
+    if (!refusedByDrain(in.server, in.peer)) joinPrivateRoom(in.server.rooms, in.peer, m.roomId, m.password);
+}
 void onSetRoomPassword(const Incoming& in, SetRoomPassword& m) { setRoomPassword(in.server.rooms, in.peer, m); }
 void onKickAndBan(const Incoming& in, KickAndBan& m) { kickAndBan(in.server.rooms, in.peer, m.slot); }
 

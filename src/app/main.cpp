@@ -12,6 +12,8 @@
 
 #include <enet/enet.h>
 
+#include "app/agones.h"
+#include "app/drain.h"
 #include "app/options.h"
 #include "app/pacing.h"
 #include "app/peers.h"
@@ -26,6 +28,7 @@
 #include "platform/notify.h"
 #include "platform/process.h"
 #include "platform/signals.h"
+#include "platform/wakeup.h"
 #include "platform/files.h"
 #include "stats/events.h"
 #include "stats/netreport.h"
@@ -42,6 +45,9 @@ void handleKey(Server& server, int key) {
             break;
         case 'd':
             dumpEvents(server.storage, server.events, server.statistics, "keypress_dump");
+            break;
+        case kDrainKey:
+            if (server.drain.seconds != 0) drainRequested = 1;
             break;
         case 'b': {
             std::uint64_t refused = 0;
@@ -64,7 +70,6 @@ void publishStatus(Server& server, bool notify) {
     m.peersConnected.store(server.peers.size(), std::memory_order_relaxed);
     m.rooms.store(server.rooms.byId.size(), std::memory_order_relaxed);
     m.matchesRunning.store(running, std::memory_order_relaxed);
-    m.storageJobs.store(server.storage.pending(), std::memory_order_relaxed);
     m.downloadBytesInFlight.store(server.downloads.inFlight, std::memory_order_relaxed);
     if (notify)
         notifyStatus(std::to_string(server.peers.size()) + " peers, " + std::to_string(server.rooms.byId.size()) +
@@ -73,14 +78,16 @@ void publishStatus(Server& server, bool notify) {
 
 // Instead of sleeping blindly, wait on the host's socket for at most the
 // interval: a packet that arrives during the wait is served at once rather
-// than after the rest of the sleep. Signals end the wait too.
+// than after the rest of the sleep. Signals, finished disk jobs and work
+// posted by other threads end the wait too, through the inbox's eventfd.
 void waitForTraffic(Server& server, std::uint32_t intervalMs) {
     if (server.host == nullptr) {
         sleepMilliseconds(intervalMs);
         return;
     }
-    enet_uint32 condition = ENET_SOCKET_WAIT_RECEIVE | ENET_SOCKET_WAIT_INTERRUPT;
-    if (enet_socket_wait(server.host->socket, &condition, intervalMs) != 0) sleepMilliseconds(intervalMs);
+    if (!waitForSocketOrWakeup(static_cast<int>(server.host->socket), server.inbox.wakeup(),
+                               static_cast<int>(intervalMs)))
+        sleepMilliseconds(intervalMs);
 }
 
 // The endpoint's bounds are read once, before it starts; problems in the
@@ -176,6 +183,8 @@ int main(int argc, char** argv) {
     server->limitsFileNamed = options.limitsFile.has_value();
     if (options.recordDirectory) server->recordings.directory = *options.recordDirectory;
     if (options.privateRooms) server->features |= kFeaturePrivateRooms;
+    server->drain.seconds = options.drainSeconds;
+    if (options.drainSeconds != 0) drainOnTerminate();
     if (!startServer(*server)) {
         // Every thread is stopped and joined before the process ends, so
         // the exit status is the 1 of a failed start, not an abort.
@@ -187,10 +196,21 @@ int main(int argc, char** argv) {
     }
     loadLimits(*server);
     loadBans(*server);
+    server->storage.onDone = [&inbox = server->inbox] { inbox.wakeup().signal(); };
     server->storage.start();
+    wakeOnSignals(server->inbox.wakeup().fd());
     beginConsoleKeys();
     notifyReady();
     metrics().listening.store(true);
+    std::unique_ptr<Agones> agones;
+    if (options.agones) {
+        // The worker's lines are logged by the loop, in order with its own.
+        agones = std::make_unique<Agones>(sidecarPort(), options.agonesHealthSeconds,
+                                          [&inbox = server->inbox](std::string line) {
+                                              inbox.post([line = std::move(line)] { logMessage(line); });
+                                          });
+        agonesReady(*agones);
+    }
     // Pinged at a third of the service manager's time-out, so one late turn
     // is no restart.
     const std::chrono::microseconds watchdogEvery{watchdogTimeoutMicros() / 3};
@@ -235,8 +255,12 @@ int main(int argc, char** argv) {
             handleKey(*server, 'r');
             handleKey(*server, 't');
         }
+        if (agones) agonesTurn(*agones, *server, Steady::now());
+        if (drainRequested && !server->drain.active) startDrain(*server, steadyMicros());
+        if (drainFinished(*server, steadyMicros())) break;
         if (Steady::now() >= nextPublish) {
             publishStatus(*server, publishes++ % 5 == 0);
+            metrics().storagePending.store(server->storage.pending(), std::memory_order_relaxed);
             nextPublish = Steady::now() + std::chrono::seconds(1);
         }
         if (watchdogEvery.count() != 0 && Steady::now() >= nextWatchdog) {
@@ -247,12 +271,17 @@ int main(int argc, char** argv) {
             metrics().loopTurn.observe(static_cast<double>(monotonicMicros() - turnStart) / 1e6);
             metrics().loopTurnCpu.observe(static_cast<double>(threadCpuMicros() - turnCpuStart) / 1e6);
         }
-        if (!server->eventsLeft) waitForTraffic(*server, pacing.pollInterval);
+        if (!server->eventsLeft)
+            waitForTraffic(*server, drainWaitMillis(server->drain, steadyMicros(), pacing.pollInterval));
     }
 
     notifyStopping();
+    wakeOnSignals(-1);
     endConsoleKeys();
     stopServer(*server);
+    if (agones) agonesShutdown(*agones);
+    agones.reset();
+    server->inbox.run();
     server.reset();
     enet_deinitialize();
     logMessage("Enet server deinitialized");

@@ -35,6 +35,18 @@ int parseOptions(int argc, char** argv, Options& options) {
         ->type_name("DIR");
     app.add_flag("--private-rooms", options.privateRooms,
                  "Grant clients that ask for it rooms with passwords, hidden rooms and bans from a room");
+    app.add_option("--drain", options.drainSeconds,
+                   "SIGTERM (or the key q) drains: no new games, running ones get up to SECONDS to end, then the "
+                   "server stops (off by default: SIGTERM stops at once)")
+        ->type_name("SECONDS")
+        ->check(CLI::Range(1u, 86400u));
+    app.add_flag("--agones", options.agones,
+                 "Run as an Agones game server: Ready, health pings, player and room Counters and Shutdown to the "
+                 "SDK sidecar on localhost:$AGONES_SDK_HTTP_PORT (default 9358)");
+    app.add_option("--agones-health", options.agonesHealthSeconds,
+                   "With --agones, ping the sidecar's health check every SECONDS (default 2)")
+        ->type_name("SECONDS")
+        ->check(CLI::Range(1u, 3600u));
     try {
         app.parse(argc, argv);
     } catch (const CLI::CallForHelp& e) {

@@ -14,6 +14,11 @@ struct Options {
     // Where every match that starts is recorded (absolute).
     std::optional<std::string> recordDirectory;
     bool privateRooms = false;
+    // --drain: 0 when SIGTERM stops at once.
+    std::uint32_t drainSeconds = 0;
+    // --agones and --agones-health.
+    bool agones = false;
+    std::uint32_t agonesHealthSeconds = 2;
 };
 
 // Returns -1 to go on, or the exit status to end with at once (0 after

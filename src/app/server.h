@@ -14,8 +14,10 @@
 #include "admission/budgets.h"
 #include "admission/connections.h"
 #include "admission/limits.h"
+#include "app/drain_state.h"
 #include "lobby/room.h"
 #include "platform/storage.h"
+#include "platform/wakeup.h"
 #include "stats/events.h"
 #include "stats/statistics.h"
 #include "update/downloads.h"
@@ -78,6 +80,11 @@ struct Server {
     std::uint64_t connectionsMade = 0;
     // The extension features switched on by their options (Feature bits).
     std::uint32_t features = 0;
+    Drain drain;
+    // Work other threads hand the loop, and the eventfd that wakes it for
+    // that, for a finished disk job and for a signal. Before the storage,
+    // which signals it until it is drained.
+    LoopInbox inbox;
     // Every file written or update file read goes through here. Declared
     // last, so it is drained while everything its completions reach exists.
     Storage storage;

@@ -94,6 +94,7 @@ bool serviceStep(Server& server) {
     // Completions are the server's own work coming back, not traffic: only
     // connects, disconnects and packets keep the loop's interval short.
     server.storage.poll();
+    server.inbox.run();
     pumpDownloads(server.storage, server.downloads);
     if (due(clocks.stallCheck, 1'000'000))
         for (ENetPeer* peer : stalledDownloads(server.downloads, steadyMicros())) {

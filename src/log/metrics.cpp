@@ -3,6 +3,7 @@
 #include <chrono>
 #include <cstdio>
 
+#include "platform/files.h"
 #include "platform/process.h"
 
 MetricsCounters& metrics() {
@@ -102,6 +103,7 @@ HealthAnswer loopHealth(std::uint64_t nowMicros) {
 }
 
 HealthAnswer readiness() {
+    if (metrics().draining.load()) return {503, "draining\n"};
     if (metrics().listening.load()) return {200, "ready\n"};
     return {503, "not listening yet\n"};
 }
@@ -118,8 +120,13 @@ std::string renderMetrics(std::int64_t nowUnix, std::uint64_t nowMicros) {
     sample(out, "lockstep_rooms", m.rooms.load());
     family(out, "lockstep_matches_running", "gauge", "Rooms whose match is running.");
     sample(out, "lockstep_matches_running", m.matchesRunning.load());
-    family(out, "lockstep_storage_jobs", "gauge", "Jobs queued or running on the storage worker.");
-    sample(out, "lockstep_storage_jobs", m.storageJobs.load());
+    family(out, "lockstep_storage_pending_jobs", "gauge", "Disk jobs queued or running on the storage worker.");
+    sample(out, "lockstep_storage_pending_jobs", m.storagePending.load());
+    family(out, "lockstep_disk_write_failures_total", "counter",
+           "Files that could not be written or appended to whole (full or failing disk).");
+    sample(out, "lockstep_disk_write_failures_total", diskWriteFailures());
+    family(out, "lockstep_draining", "gauge", "1 while a drain runs: no new games, the server stops when the matches end.");
+    sample(out, "lockstep_draining", m.draining.load() ? 1 : 0);
     family(out, "lockstep_download_bytes_in_flight", "gauge", "Update file bytes handed to the transport.");
     sample(out, "lockstep_download_bytes_in_flight", m.downloadBytesInFlight.load());
     family(out, "lockstep_chat_lines_dropped_total", "counter",

@@ -65,7 +65,7 @@ struct MetricsCounters {
     std::atomic<std::uint64_t> peersConnected{0};
     std::atomic<std::uint64_t> rooms{0};
     std::atomic<std::uint64_t> matchesRunning{0};
-    std::atomic<std::uint64_t> storageJobs{0};
+    std::atomic<std::uint64_t> storagePending{0};
     std::atomic<std::uint64_t> downloadBytesInFlight{0};
 
     // Step completion: from the first report of a step to its notice.
@@ -81,6 +81,8 @@ struct MetricsCounters {
     // The main loop's last turn (monotonicMicros) and whether the host listens.
     std::atomic<std::uint64_t> lastTurnMicros{0};
     std::atomic<bool> listening{false};
+    // A drain runs: no new games, so the instance is no longer ready.
+    std::atomic<bool> draining{false};
 };
 
 MetricsCounters& metrics();
@@ -113,7 +115,8 @@ inline constexpr std::uint64_t kHealthyTurnAgeMicros = 2'000'000;
 // Seconds since the loop last turned, against nowMicros (monotonicMicros).
 double loopTurnAgeSeconds(std::uint64_t nowMicros);
 // /healthz: 200 "ok" while the loop turned within kHealthyTurnAgeMicros,
-// else 503 with the age. /readyz: 200 once the host listens, else 503.
+// else 503 with the age. /readyz: 200 once the host listens and until a
+// drain starts, else 503.
 struct HealthAnswer {
     int status;
     std::string body;

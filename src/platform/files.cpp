@@ -1,6 +1,7 @@
 #include "platform/files.h"
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <cstdlib>
 #include <fcntl.h>
@@ -13,6 +14,13 @@ namespace fs = std::filesystem;
 
 namespace {
 std::string prefix = "../";
+// Whole-file writes and appends that failed, for the operators' metrics: a
+// full or failing disk shows there before anyone reads the log.
+std::atomic<std::uint64_t> writeFailures{0};
+bool counted(bool ok) {
+    if (!ok) writeFailures.fetch_add(1, std::memory_order_relaxed);
+    return ok;
+}
 // Read once before any thread runs: umask() can only be read by setting it.
 const mode_t processUmask = [] {
     mode_t m = umask(0);
@@ -96,7 +104,9 @@ void FileWriter::write(const void* data, std::size_t size) {
     if (std::fwrite(data, 1, size, file_) != size) failed_ = true;
 }
 
-bool FileWriter::commit() {
+bool FileWriter::commit() { return counted(commitFile()); }
+
+bool FileWriter::commitFile() {
     if (file_ == nullptr) return false;
     bool ok = !failed_ && std::fflush(file_) == 0 && fsync(fileno(file_)) == 0;
     ok = std::fclose(file_) == 0 && ok;
@@ -110,7 +120,10 @@ bool FileWriter::commit() {
     return false;
 }
 
-bool appendToFile(const std::string& path, std::string_view text) {
+std::uint64_t diskWriteFailures() { return writeFailures.load(std::memory_order_relaxed); }
+
+namespace {
+bool appendWhole(const std::string& path, std::string_view text) {
     if (!prepareFilePath(path)) return false;
     int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0666);
     if (fd < 0) return false;
@@ -131,6 +144,9 @@ bool appendToFile(const std::string& path, std::string_view text) {
     }
     return ::close(fd) == 0 && ok;
 }
+}  // namespace
+
+bool appendToFile(const std::string& path, std::string_view text) { return counted(appendWhole(path, text)); }
 
 std::size_t removeLeftoverTemporaries(const std::string& directory, const std::vector<std::string>& skip) {
     std::size_t removed = 0;

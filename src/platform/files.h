@@ -46,6 +46,7 @@ public:
     bool commit();
 
 private:
+    bool commitFile();
     std::string path_;
     std::string temp_;
     std::FILE* file_ = nullptr;
@@ -55,6 +56,8 @@ private:
 // Appends text to path (created when missing) and syncs it; false when that
 // could not be done whole, in which case nothing of text stays in the file.
 bool appendToFile(const std::string& path, std::string_view text);
+// Commits and appends that failed since the start.
+std::uint64_t diskWriteFailures();
 
 // Removes, under directory, the temporary files of FileWriters that a crash
 // left behind; returns how many. The subdirectories named in skip (the

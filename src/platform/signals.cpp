@@ -1,15 +1,52 @@
 #include "platform/signals.h"
 
+#include <cerrno>
+#include <cstdint>
+#include <unistd.h>
+
 volatile std::sig_atomic_t quitRequested = 0;
 volatile std::sig_atomic_t dumpRequested = 0;
 volatile std::sig_atomic_t reportRequested = 0;
 volatile std::sig_atomic_t reloadRequested = 0;
+volatile std::sig_atomic_t drainRequested = 0;
 
 namespace {
-void onInterrupt(int) { quitRequested = 1; }
-void onDump(int) { dumpRequested = 1; }
-void onReport(int) { reportRequested = 1; }
-void onReload(int) { reloadRequested = 1; }
+volatile std::sig_atomic_t wakeFd = -1;
+volatile std::sig_atomic_t drainOnTerm = 0;
+
+// One write(2) on the eventfd; errno belongs to the interrupted code.
+void wake() {
+    const int fd = wakeFd;
+    if (fd < 0) return;
+    const int saved = errno;
+    const std::uint64_t one = 1;
+    [[maybe_unused]] ssize_t n = write(fd, &one, sizeof one);
+    errno = saved;
+}
+
+void onInterrupt(int) {
+    quitRequested = 1;
+    wake();
+}
+void onTerminate(int) {
+    if (drainOnTerm && !drainRequested)
+        drainRequested = 1;
+    else
+        quitRequested = 1;
+    wake();
+}
+void onDump(int) {
+    dumpRequested = 1;
+    wake();
+}
+void onReport(int) {
+    reportRequested = 1;
+    wake();
+}
+void onReload(int) {
+    reloadRequested = 1;
+    wake();
+}
 
 void install(int sig, void (*handler)(int)) {
     struct sigaction sa{};
@@ -21,7 +58,7 @@ void install(int sig, void (*handler)(int)) {
 
 void installStopSignals() {
     install(SIGINT, onInterrupt);
-    install(SIGTERM, onInterrupt);
+    install(SIGTERM, onTerminate);
     install(SIGUSR1, onDump);
     install(SIGUSR2, onReport);
     install(SIGHUP, onReload);
@@ -32,3 +69,7 @@ void installStopSignals() {
     // and is handled as such, instead of ending the process.
     install(SIGXFSZ, SIG_IGN);
 }
+
+void drainOnTerminate() { drainOnTerm = 1; }
+
+void wakeOnSignals(int eventFd) { wakeFd = eventFd; }

@@ -113,6 +113,7 @@ void Storage::run() {
             clientBytes_ -= bytes;
         }
         done_.push_back(std::move(done));
+        if (onDone) onDone();
         --inFlight_;
         doneOrIdle_.notify_all();
     }

@@ -63,6 +63,9 @@ public:
     // or the peers' total; the server's own work is always taken.
     bool submit(Job job, std::size_t bytes = 0, Owner owner = kServerWork);
     void setShares(const Shares& shares);
+    // Called on the worker, under the queue's lock, each time a completion
+    // is ready: it wakes the loop and must do nothing more. Set before start().
+    std::function<void()> onDone;
     // Runs the completions of finished jobs; returns how many ran.
     std::size_t poll();
     // Waits until every queued job has finished, running completions.

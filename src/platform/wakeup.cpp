@@ -1,0 +1,57 @@
+#include "platform/wakeup.h"
+
+#include <cerrno>
+#include <cstdint>
+#include <poll.h>
+#include <sys/eventfd.h>
+#include <unistd.h>
+
+Wakeup::Wakeup() : fd_(eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC)) {}
+
+Wakeup::~Wakeup() {
+    if (fd_ >= 0) close(fd_);
+}
+
+void Wakeup::signal() const {
+    if (fd_ < 0) return;
+    // Called from signal handlers too: errno is theirs to keep. A full
+    // counter (never in practice) already means "wake up".
+    const int saved = errno;
+    const std::uint64_t one = 1;
+    [[maybe_unused]] ssize_t n = write(fd_, &one, sizeof one);
+    errno = saved;
+}
+
+void Wakeup::clear() const {
+    if (fd_ < 0) return;
+    std::uint64_t count = 0;
+    [[maybe_unused]] ssize_t n = read(fd_, &count, sizeof count);
+}
+
+bool waitForSocketOrWakeup(int socketFd, const Wakeup& wakeup, int timeoutMs) {
+    pollfd fds[2] = {{socketFd, POLLIN, 0}, {wakeup.fd(), POLLIN, 0}};
+    const int result = poll(fds, 2, timeoutMs);
+    // Emptied whatever ended the wait: a signal interrupts the poll and
+    // writes to the eventfd as well, and must not make two turns.
+    wakeup.clear();
+    return result >= 0 || errno == EINTR;
+}
+
+void LoopInbox::post(std::function<void()> work) {
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        posted_.push_back(std::move(work));
+    }
+    wakeup_.signal();
+}
+
+std::size_t LoopInbox::run() {
+    std::deque<std::function<void()>> ready;
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        ready.swap(posted_);
+    }
+    for (auto& work : ready)
+        if (work) work();
+    return ready.size();
+}
