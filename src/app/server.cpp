@@ -146,7 +146,7 @@ void applyLimits(Server& server) {
 void stopServer(Server& server) {
     printNetworkReport(server.host, server.bytesReceived);
     if (server.statisticsEnabled) dumpStatistics(server.storage, server.statistics, "close");
-    for (auto& [id, room] : server.rooms.byId) endRecording(server.storage, room->match, 1);
+    for (auto& [id, room] : server.rooms.byId) endRecording(server.storage, room->match.recording, 1, room->match.lastCompletedStep);
     // Every queued write lands, and is logged, before the rooms and peers go.
     server.storage.stop();
     server.rooms.seats.clear();

@@ -21,7 +21,7 @@ void checkPeriodicDump(Server& server, const std::tm& local) {
 
 void runRoomWork(Server& server) {
     if (std::unique_ptr<Room> deleted = deleteEmptyRoom(server.rooms)) {
-        endRecording(server.storage, deleted->match, 0);
+        endRecording(server.storage, deleted->match.recording, 0, deleted->match.lastCompletedStep);
         if (server.statisticsEnabled && deleted->running) recordFinishedGame(server.statistics, *deleted);
     }
     checkRoomStarts(server.rooms);
@@ -114,7 +114,7 @@ bool serviceStep(Server& server) {
     // ten a second: a write per order would cost the worker, and a batch a
     // second would hold more of a busy match in memory.
     if (!server.recordings.directory.empty() && due(clocks.recordingFlush, 100'000))
-        for (auto& [id, room] : server.rooms.byId) flushRecording(server.storage, room->match);
+        for (auto& [id, room] : server.rooms.byId) flushRecording(server.storage, room->match.recording);
     cutOffPeersOverLimit(server);
     // Ten times a second is often enough to see partial messages pile up: a
     // peer adds at most the host's bandwidth in that time.

@@ -55,7 +55,7 @@ void declareDesync(Match& match, const Seating& seating, std::uint32_t step) {
     match.desyncCount += 1;
     metrics().desyncs.fetch_add(1, std::memory_order_relaxed);
     if (match.recording)
-        record(match, RecordType::desync,
+        record(match.recording, RecordType::desync,
                Writer().u32(step).u32(match.desyncCount)
                    .str("server_data/resyncs/room" + std::to_string(seating.roomId) + "_desync" +
                         std::to_string(match.desyncCount))
@@ -92,7 +92,7 @@ void handleResyncReport(Storage& storage, Match& match, const Seating& seating, 
         match.resyncStep = 0xFFFFFFFFu;
         match.orderDelay = 2;
         if (match.recording)
-            record(match, RecordType::delay, Writer(12).u32(match.lastCompletedStep).u32(0).u32(2).take());
+            record(match.recording, RecordType::delay, Writer(12).u32(match.lastCompletedStep).u32(0).u32(2).take());
         match.delayHold = kMaxDelayHold;  // no lengthening until the hold has run down
         for (ENetPeer* peer : seating.peers)
             if (peer != nullptr) players.push_back(refOf(peer));

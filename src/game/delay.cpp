@@ -33,7 +33,7 @@ void decide(Match& match, const SeatPeers& seats) {
             match.orderDelay = match.orderDelay > kMinOrderDelay ? match.orderDelay - 1 : kMinOrderDelay;
             match.delayCooldown = kPassesPerDecision;
             if (match.recording)
-                record(match, RecordType::delay, Writer(12).u32(match.lastCompletedStep).u32(2).u32(match.orderDelay).take());
+                record(match.recording, RecordType::delay, Writer(12).u32(match.lastCompletedStep).u32(2).u32(match.orderDelay).take());
         }
     }
     if (match.lagReports != 0 && match.delayHold == 0 && match.lastCompletedStep > kStepsBeforeLengthening) {
@@ -43,7 +43,7 @@ void decide(Match& match, const SeatPeers& seats) {
         match.delayCooldown = kPassesPerDecision;
         match.maxOrderDelay = std::max(match.maxOrderDelay, match.orderDelay);
         if (match.recording)
-            record(match, RecordType::delay, Writer(12).u32(match.lastCompletedStep).u32(1).u32(match.orderDelay).take());
+            record(match.recording, RecordType::delay, Writer(12).u32(match.lastCompletedStep).u32(1).u32(match.orderDelay).take());
     }
 }
 

@@ -6,9 +6,9 @@
 #include <filesystem>
 #include <system_error>
 #include <unistd.h>
+#include <utility>
 #include <vector>
 
-#include "game/match.h"
 #include "log/log.h"
 #include "log/metrics.h"
 #include "platform/clock.h"
@@ -61,8 +61,7 @@ bool appendBatch(RecordingFile& file, const Bytes& batch) {
 
 // Stops the recording with a last record that says why; it goes past the
 // bounds, so that the file always says how it ended.
-void stop(Match& match, const std::string& why) {
-    Recording& r = *match.recording;
+void stop(Recording& r, const std::string& why) {
     const Bytes payload = Writer().str(why).take();
     const Bytes framed = frameRecord(RecordType::lost, millisSince(r), payload);
     r.pending.insert(r.pending.end(), framed.begin(), framed.end());
@@ -93,23 +92,23 @@ std::unique_ptr<Recording> beginRecording(Recordings& recordings, const Recordin
     return r;
 }
 
-void record(Match& match, RecordType type, ByteView payload) {
-    if (!match.recording || match.recording->stopped) return;
-    Recording& r = *match.recording;
+void record(std::unique_ptr<Recording>& recording, RecordType type, ByteView payload) {
+    if (!recording || recording->stopped) return;
+    Recording& r = *recording;
     const std::size_t size = 13 + payload.size();
     if (r.limits.maxFileBytes != 0 && r.bytes + size > r.limits.maxFileBytes)
-        return stop(match, "over recording_max_bytes (" + std::to_string(r.limits.maxFileBytes) + " bytes)");
+        return stop(r, "over recording_max_bytes (" + std::to_string(r.limits.maxFileBytes) + " bytes)");
     if (r.limits.maxPendingBytes != 0 && r.pending.size() + r.file->inWorker + size > r.limits.maxPendingBytes)
-        return stop(match, "the disk fell behind (recording_pending_bytes, " +
+        return stop(r, "the disk fell behind (recording_pending_bytes, " +
                                std::to_string(r.limits.maxPendingBytes) + " bytes)");
     const Bytes framed = frameRecord(type, millisSince(r), payload);
     r.pending.insert(r.pending.end(), framed.begin(), framed.end());
     r.bytes += framed.size();
 }
 
-void flushRecording(Storage& storage, Match& match) {
-    if (!match.recording || match.recording->pending.empty()) return;
-    Recording& r = *match.recording;
+void flushRecording(Storage& storage, std::unique_ptr<Recording>& recording) {
+    if (!recording || recording->pending.empty()) return;
+    Recording& r = *recording;
     std::shared_ptr<RecordingFile> file = r.file;
     if (file->failed) {
         r.pending.clear();
@@ -139,17 +138,18 @@ void flushRecording(Storage& storage, Match& match) {
         size);
 }
 
-void endRecording(Storage& storage, Match& match, std::uint32_t why) {
-    if (!match.recording) return;
-    Recording& r = *match.recording;
+void endRecording(Storage& storage, std::unique_ptr<Recording>& recording, std::uint32_t why,
+                  std::uint32_t lastCompletedStep) {
+    if (!recording) return;
+    Recording& r = *recording;
     if (!r.stopped) {
-        const Bytes payload = Writer().u32(why).u32(match.lastCompletedStep).take();
+        const Bytes payload = Writer().u32(why).u32(lastCompletedStep).take();
         const Bytes framed = frameRecord(RecordType::end, millisSince(r), payload);
         r.pending.insert(r.pending.end(), framed.begin(), framed.end());
         r.bytes += framed.size();
     }
     const bool whole = !r.stopped;
-    flushRecording(storage, match);
+    flushRecording(storage, recording);
     std::shared_ptr<RecordingFile> file = r.file;
     storage.submit([file]() -> Storage::Completion {
         // Synced once, at the end: a crash loses at most the last batches,
@@ -168,5 +168,5 @@ void endRecording(Storage& storage, Match& match, std::uint32_t why) {
         };
     });
     if (whole) metrics().recordingsWritten.fetch_add(1, std::memory_order_relaxed);
-    match.recording.reset();
+    recording.reset();
 }

@@ -17,8 +17,6 @@
 #include "platform/storage.h"
 #include "protocol/recording.h"
 
-struct Match;
-
 struct RecordingLimits {
     // One recording's file (recording_max_bytes): a match of eight players
     // for hours is far below; past it the recording stops, marked.
@@ -66,11 +64,12 @@ struct Recording {
 // record. Nothing is written until the first flush.
 std::unique_ptr<Recording> beginRecording(Recordings& recordings, const RecordingHeader& header,
                                           std::uint64_t nowMicros);
-// Appends a record when the match is recorded; stops the recording, marked,
-// when it would go over its bounds.
-void record(Match& match, RecordType type, ByteView payload);
+// Appends a record when the match is recorded (recording is not null);
+// stops the recording, marked, when it would go over its bounds.
+void record(std::unique_ptr<Recording>& recording, RecordType type, ByteView payload);
 // Hands the pending records to the storage worker.
-void flushRecording(Storage& storage, Match& match);
+void flushRecording(Storage& storage, std::unique_ptr<Recording>& recording);
 // The end record (why: 0 every player gone, 1 the server stopped), the last
 // flush and the file closed; the match keeps no recording after it.
-void endRecording(Storage& storage, Match& match, std::uint32_t why);
+void endRecording(Storage& storage, std::unique_ptr<Recording>& recording, std::uint32_t why,
+                  std::uint32_t lastCompletedStep);

@@ -8,7 +8,7 @@ void handleOrder(Match& match, const Seating& seating, std::uint32_t senderSlot,
     if (order.step > match.resyncStep) return;
     if (order.orderType == kChecksumOrderType) {
         if (match.recording)
-            record(match, RecordType::checksum, Writer(12).u32(order.step).u32(senderSlot).u32(order.argument).take());
+            record(match.recording, RecordType::checksum, Writer(12).u32(order.step).u32(senderSlot).u32(order.argument).take());
         handleChecksum(match, seating, senderSlot, order.step, order.argument);
     } else if (isStepDoneOrder(order)) {
         // The slot the order names, which need not be the sender's.
@@ -17,7 +17,7 @@ void handleOrder(Match& match, const Seating& seating, std::uint32_t senderSlot,
         // The bytes as they came, never re-encoded.
         sendToSeated(seating.peers, kOrderChannel, packet, seating.peers[senderSlot]);
         if (match.recording)
-            record(match, RecordType::order, Writer(8 + packet.size()).u32(order.step).u32(senderSlot).bytes(packet).take());
+            record(match.recording, RecordType::order, Writer(8 + packet.size()).u32(order.step).u32(senderSlot).bytes(packet).take());
     }
 }
 
@@ -51,7 +51,7 @@ void markStepDone(Match& match, const SeatPeers& seats, std::int32_t slot, std::
     notice.argument = static_cast<std::uint32_t>(slot);
     sendToSeated(seats, kOrderChannel, serializeOrder(notice));
     if (match.recording)
-        record(match, RecordType::stepCompleted, Writer(8).u32(step).u32(static_cast<std::uint32_t>(slot)).take());
+        record(match.recording, RecordType::stepCompleted, Writer(8).u32(step).u32(static_cast<std::uint32_t>(slot)).take());
     match.stepReports.erase(step);
     match.lastCompletedStep = step;  // the step just completed, even when a later one came first
     metrics().stepsCompleted.fetch_add(1, std::memory_order_relaxed);

@@ -191,7 +191,7 @@ void leaveRoom(RoomRegistry& rooms, ENetPeer* peer, bool disconnected) {
         sendToHumans(room, kMatchControlChannel, encode(PlayerLeftMatch{1, index}));
         std::string name = slot.info ? slot.info->playerName : std::string();
         if (room.match.recording)
-            record(room.match, RecordType::left, Writer().u32(index).u32(disconnected ? 1 : 0).str(name).take());
+            record(room.match.recording, RecordType::left, Writer().u32(index).u32(disconnected ? 1 : 0).str(name).take());
         sendTextToSeated(seats, name + (disconnected ? " has been disconnected from server" : " has left the game"));
     }
 

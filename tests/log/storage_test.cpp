@@ -265,14 +265,14 @@ TEST(Recording, ARecordingThatFallsBehindTheDiskStopsMarkedAndTheRelayGoesOn) {
                             .str(std::string(200, 'o')).take();
     for (int i = 0; i < 20; ++i) {
         h.receive(0, kOrderChannel, order);
-        flushRecording(h.server.storage, room.match);
+        flushRecording(h.server.storage, room.match.recording);
     }
     EXPECT_EQ(h.takeSent().size(), 20u);  // every order relayed
     EXPECT_EQ(h.takeLogs(), std::vector<std::string>{error(
                                 "|||| Recording of room 1 stopped: the disk fell behind (recording_pending_bytes, 2000 "
                                 "bytes). The match goes on")});
     held.release();
-    endRecording(h.server.storage, room.match, 1);
+    endRecording(h.server.storage, room.match.recording, 1, room.match.lastCompletedStep);
     h.server.storage.stop();
     std::vector<std::filesystem::path> files;
     for (const auto& e : std::filesystem::directory_iterator(root / "rec")) files.push_back(e.path());

@@ -218,7 +218,7 @@ TEST(Recording, TheOldestRecordingsGoWhenTheDirectoryIsOverItsCap) {
     h.server.recordings.directory = (root / "rec").string();
     h.server.recordings.limits.maxDirectoryBytes = 2500;
     Room& room = startedMatch(h, 2);
-    flushRecording(h.server.storage, room.match);
+    flushRecording(h.server.storage, room.match.recording);
     std::vector<std::string> names;
     for (const auto& path : filesIn(root / "rec")) names.push_back(path.filename().string());
     ASSERT_EQ(names.size(), 4u);
