@@ -93,7 +93,7 @@ struct Limits {
     // what the transport walks on every turn. Peers take turns, one reply
     // each at a time, so a peer that does not take its reply holds that
     // reply and nothing more.
-    std::uint64_t downloadBytesInFlight = 64 * kMiB;
+    std::uint64_t downloadBytesInFlight = 8 * kMiB;
     // The same for the peers of one address together, so that a few
     // connections from one address cannot take the whole of it.
     std::uint64_t downloadBytesInFlightPerAddress = 16 * kMiB;

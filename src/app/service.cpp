@@ -96,8 +96,8 @@ bool serviceStep(Server& server) {
     server.storage.poll();
     server.inbox.run();
     pumpDownloads(server.storage, server.downloads);
-    if (due(clocks.stallCheck, 1'000'000))
-        for (ENetPeer* peer : stalledDownloads(server.downloads, steadyMicros())) {
+    if (due(clocks.stallCheck, 250'000))
+        for (ENetPeer* peer : checkDownloads(server.downloads, steadyMicros())) {
             countLimit(LimitFired::downloadStall);
             logError("|||| Peer " + peerAddressText(peer) + " took none of its download for " +
                      std::to_string(server.limits.downloadStallSeconds) + " s. Disconnecting it");

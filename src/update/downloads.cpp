@@ -18,7 +18,8 @@ bool mayStart(const Downloads& d, const Downloads::Peer& p) {
 
 void giveBack(Downloads& d, Downloads::Peer& p) {
     if (p.inFlight == 0) return;
-    d.inFlight -= p.inFlight;
+    (p.parked ? d.parked : d.inFlight) -= p.inFlight;
+    p.parked = false;
     auto a = d.inFlightByAddress.find(p.address);
     if (a != d.inFlightByAddress.end() && (a->second -= p.inFlight) == 0) d.inFlightByAddress.erase(a);
     p.inFlight = 0;
@@ -112,13 +113,19 @@ void forgetDownloads(Downloads& downloads, ENetPeer* peer) {
     downloads.turns.erase(std::remove(downloads.turns.begin(), downloads.turns.end(), peer), downloads.turns.end());
 }
 
-std::vector<ENetPeer*> stalledDownloads(Downloads& downloads, std::uint64_t nowMicros) {
+std::vector<ENetPeer*> checkDownloads(Downloads& downloads, std::uint64_t nowMicros) {
     std::vector<ENetPeer*> stalled;
     for (auto& [peer, p] : downloads.peers) {
         if (p.inFlight == 0) continue;
         const std::uint64_t left = queuedForSending(peer);
         if (p.progressMicros == 0 || left < p.queuedLeft) p.progressMicros = nowMicros;
         p.queuedLeft = left;
+        const bool idle = nowMicros - p.progressMicros >= downloads.parkMicros;
+        if (idle != p.parked) {
+            (p.parked ? downloads.parked : downloads.inFlight) -= p.inFlight;
+            (idle ? downloads.parked : downloads.inFlight) += p.inFlight;
+            p.parked = idle;
+        }
         if (downloads.stallMicros != 0 && nowMicros - p.progressMicros > downloads.stallMicros) {
             stalled.push_back(peer);
             p.progressMicros = nowMicros;  // named once; it is cut off now
