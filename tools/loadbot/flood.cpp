@@ -3,7 +3,7 @@
 //
 //   flood --port P --mode MODE [--rate R] [--seconds S] [--peers N]
 //         [--bind ADDR] [--file NAME] [--report-bytes B] [--line-bytes B]
-//         [--hold-ms MS] [--check-seconds S]
+//         [--hold-ms MS] [--check-seconds S] [--start-after S]
 //
 // orders:          takes a room of its own to a running match, then sends
 //                  step-done orders at R a second (default 2,000: a hundred
@@ -243,7 +243,7 @@ bool startOwnMatch(Flooder& f) {
 struct Options {
     std::uint16_t port = 0;
     std::string mode, bind = "127.0.0.1", file;
-    double rate = 0, seconds = 10, checkSeconds = 10;
+    double rate = 0, seconds = 10, checkSeconds = 10, startAfter = 0;
     std::size_t peers = 0, reportBytes = 1024 * 1024, lineBytes = 16384, inFlight = 4 * 1024 * 1024;
     int holdMs = 300;
 };
@@ -280,8 +280,14 @@ int floodMessages(const Options& o) {
             ++joins;
     };
 
+    // Connected and quiet until --start-after, within --seconds.
+    const auto opened = Clock::now();
+    const auto end = opened + std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(o.seconds));
+    while (secondsSince(opened) < o.startAfter) {
+        for (auto& f : all) f->service(0, onReceive);
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
     const auto start = Clock::now();
-    const auto end = start + std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(o.seconds));
     while (Clock::now() < end) {
         const double due = o.rate * secondsSince(start);
         bool anyone = false;
@@ -442,6 +448,9 @@ int main(int argc, char** argv) {
     app.add_option("--line-bytes", o.lineBytes, "Bytes of each chat line, its NUL included");
     app.add_option("--hold-ms", o.holdMs, "vanish-download: how long the peers take their file before leaving");
     app.add_option("--check-seconds", o.checkSeconds, "vanish-download: how long the next downloader waits");
+    app.add_option("--start-after", o.startAfter,
+                   "Message modes: connected but quiet for this long first (within --seconds), e.g. until the "
+                   "loadbot's players have left the lobby for their rooms");
     app.add_option("--in-flight", o.inFlight, "Bytes sent and not yet acknowledged before a peer waits");
     CLI11_PARSE(app, argc, argv);
     const std::string& m = o.mode;
