@@ -99,8 +99,8 @@ ON_LOAD_CPU=(); [ -z "$LOAD_CPU" ] || ON_LOAD_CPU=(taskset -c "$LOAD_CPU")
 
 # The update files and announcements, made once and copied into each root.
 mkdir -p "$WORK/files/update_data" "$WORK/files/announcements"
-for spec in "${UPDATE_FILES[@]}"; do
-  head -c "${spec##*:}" /dev/urandom >"$WORK/files/update_data/${spec%:*}"
+for file in "${UPDATE_FILES[@]}"; do
+  head -c "${file##*:}" /dev/urandom >"$WORK/files/update_data/${file%:*}"
 done
 if [ -n "$ANNOUNCEMENTS" ]; then
   for i in $(seq "${ANNOUNCEMENTS%:*}"); do
