@@ -1,10 +1,12 @@
 // The load generator: the latency histogram behind every quantile the
 // benchmark prints, and the binary end to end against a relay that makes
 // every kind of mistake on purpose (each must be counted exactly), against
-// the bare relay it is measured with, and against the server.
+// the bare relay it is measured with, and against the server; and the
+// flooding clients of the flood benchmark against the server.
 
 #include <arpa/inet.h>
 #include <atomic>
+#include <regex>
 
 #include "histogram.h"
 #include "support/e2e_support.h"
@@ -168,6 +170,60 @@ TEST(LoadbotRun, AgainstTheServerThroughTheRealLobbyWithDownloadsBeside) {
     EXPECT_EQ(jsonNumber(json, "failed_downloads"), 0u);
     EXPECT_EQ(jsonNumber(json, "clean_disconnects"), 8u);
     EXPECT_TRUE(server.waitForLog("Joined room ", 6));
+}
+
+// One build/flood run against the server: its exit status and its line.
+std::pair<int, std::string> flood(std::uint16_t port, std::vector<std::string> args) {
+    args.insert(args.end(), {"--port", std::to_string(port)});
+    ServerProcess client(ServerOptions{.arguments = args, .program = FLOOD_BIN});
+    client.launch();
+    int status = client.wait(30000);
+    return {status, client.consoleOutput() + client.consoleErrors()};
+}
+
+std::uint64_t numberBefore(const std::string& line, const std::string& words) {
+    std::smatch m;
+    if (!std::regex_search(line, m, std::regex("([0-9]+) " + words))) return 0;
+    return std::stoull(m[1]);
+}
+
+TEST(FloodRun, TheAttackModesAndTheUpdaterRunAgainstTheServer) {
+    ServerProcess server;
+    ASSERT_TRUE(server.start());
+    server.writeFile("server_data/update_data/fill.bin", std::string(200000, 'f'));
+    server.writeFile("server_data/update_data/manifest.manifest", std::string(16, 'm'));
+    server.writeFile("server_data/announcements/news.txt", "news");
+    const std::uint16_t port = server.port();
+
+    auto [status, line] = flood(port, {"--mode", "updater", "--rate", "20", "--seconds", "1"});
+    ASSERT_EQ(status, 0) << line;
+    const std::uint64_t requests = numberBefore(line, "manifest requests"), answers = numberBefore(line, "answered");
+    EXPECT_GE(requests, 19u) << line;
+    EXPECT_GE(answers + 1, requests) << line;
+
+    std::tie(status, line) = flood(port, {"--mode", "vanish-download", "--file", "fill.bin", "--peers", "2",
+                                          "--hold-ms", "20", "--seconds", "0.3", "--check-seconds", "5"});
+    ASSERT_EQ(status, 0) << line;
+    const std::uint64_t rounds = numberBefore(line, "rounds of 2 peers");
+    EXPECT_GE(rounds, 1u) << line;
+    EXPECT_EQ(numberBefore(line, "of " + std::to_string(rounds) + " rounds within 5 s"), rounds) << line;
+
+    std::tie(status, line) = flood(port, {"--mode", "chat", "--peers", "2", "--seconds", "0.5"});
+    ASSERT_EQ(status, 0) << line;
+    EXPECT_GT(numberBefore(line, "texts"), 0u) << line;
+    EXPECT_EQ(numberBefore(line, "peers cut off"), 0u) << line;
+
+    std::tie(status, line) = flood(port, {"--mode", "churn", "--peers", "2", "--seconds", "0.5"});
+    ASSERT_EQ(status, 0) << line;
+    EXPECT_GT(numberBefore(line, "rooms joined"), 0u) << line;
+
+    std::tie(status, line) = flood(port, {"--mode", "update-check", "--seconds", "0.5"});
+    ASSERT_EQ(status, 0) << line;
+    EXPECT_GT(numberBefore(line, "messages \\("), 0u) << line;
+
+    std::tie(status, line) = flood(port, {"--mode", "silent-download", "--file", "fill.bin", "--seconds", "0.2"});
+    ASSERT_EQ(status, 0) << line;
+    EXPECT_NE(line.find("took nothing"), std::string::npos) << line;
 }
 
 }  // namespace
