@@ -228,6 +228,7 @@ TEST(Downloads, PeersTakeTurnsOneReplyEachAndAGonePeerGivesItsBytesBack) {
     request(0, "c");
     request(1, "d");
     request(2, "a");
+    EXPECT_EQ(h.server.storage.pending(), 2u);  // the held job and one read: files are read one at a time
     h.disconnect(2);
     held.release();
     h.server.storage.drain();
@@ -283,4 +284,31 @@ TEST(Recording, ARecordingThatFallsBehindTheDiskStopsMarkedAndTheRelayGoesOn) {
     ASSERT_FALSE(read.records.empty());
     EXPECT_EQ(read.records.back().type, RecordType::lost);
     EXPECT_LT(read.records.size(), 20u);
+}
+
+TEST(Downloads, AReadThatFindsThePeersShareTakenKeepsItsPlaceAndIsServedLater) {
+    TempDataRoot root;
+    std::filesystem::create_directories(root / "server_data/update_data");
+    std::ofstream(root / "server_data/update_data/a") << "a";
+    Harness h;
+    h.server.limits.messages[static_cast<std::size_t>(Group::reports)] = {};
+    h.server.limits.reportsPerPeerPerHour = 0;
+    h.server.limits.workerJobsPerPeer = 1;
+    applyLimits(h.server);
+    h.connect(0);
+    h.server.storage.start();
+    HeldWorker held(h.server.storage);
+    // The peer's one job is its report; its file's read finds no room.
+    h.receive(0, kReportsChannel, encode(FeedbackReport{1, "p", "c", "d", "t"}));
+    h.receive(0, kFileUpdateChannel, encode(FileRequest{1, "a"}));
+    EXPECT_EQ(h.server.downloads.turns, std::deque<ENetPeer*>{h.peer(0)});
+    EXPECT_EQ(h.server.downloads.peers.at(h.peer(0)).waiting.size(), 1u);
+    held.release();
+    h.server.storage.drain();
+    pumpDownloads(h.server.storage, h.server.downloads);  // the loop's next turn
+    h.server.storage.drain();
+    std::vector<std::uint8_t> channels;
+    for (const Sent& s : h.takeSent()) channels.push_back(s.channel);
+    EXPECT_EQ(channels, (std::vector<std::uint8_t>{kReportsChannel, kFileUpdateChannel}));
+    h.server.storage.stop();
 }
