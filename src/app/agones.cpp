@@ -105,11 +105,14 @@ std::string counterBody(std::uint64_t count, std::uint64_t capacity) {
     return "{\"count\":\"" + std::to_string(count) + "\",\"capacity\":\"" + std::to_string(capacity) + "\"}";
 }
 
+// The sidecar listens on the pod's loopback. Its address, not the name
+// "localhost", so that no name lookup stands between a health ping and the
+// sidecar (a container without /etc/hosts resolves no "localhost").
 Agones::Agones(std::uint16_t port, std::uint32_t healthSeconds, SidecarReport report)
-    : port(port), client("localhost", port, std::move(report)), healthEvery(std::chrono::seconds(healthSeconds)) {}
+    : port(port), client("127.0.0.1", port, std::move(report)), healthEvery(std::chrono::seconds(healthSeconds)) {}
 
 void agonesReady(Agones& agones) {
-    logMessage("Agones: the sidecar is at localhost:" + std::to_string(agones.port));
+    logMessage("Agones: the sidecar is at 127.0.0.1:" + std::to_string(agones.port));
     agones.client.post({"POST", "/ready", "{}"});
     agones.client.post({"PUT", "/metadata/label", "{\"key\":\"lockstep-version\",\"value\":\"" LOCKSTEP_VERSION "\"}"});
 }

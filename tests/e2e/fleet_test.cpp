@@ -159,7 +159,7 @@ TEST(Agones, ReadyLabelHealthCountersAsPlayersComeAndGoAndShutdownAfterTheDrain)
             EXPECT_EQ(r.method + r.body, "POST{}");
         }
     }
-    EXPECT_NE(server.log().find(": Agones: the sidecar is at localhost:" + std::to_string(sidecar.port()) + "\n"),
+    EXPECT_NE(server.log().find(": Agones: the sidecar is at 127.0.0.1:" + std::to_string(sidecar.port()) + "\n"),
               std::string::npos);
 
     TestClient a, b;
@@ -187,7 +187,7 @@ TEST(Agones, ASidecarThatStartsLaterIsReachedAndItsAbsenceIsLoggedOnce) {
     StandInSidecar sidecar(0, /*down=*/true);
     ServerProcess server(agonesServer(sidecar, {}));
     ASSERT_TRUE(server.start());
-    ASSERT_TRUE(server.waitForLog(": Agones: POST /ready reached no sidecar at localhost:" +
+    ASSERT_TRUE(server.waitForLog(": Agones: POST /ready reached no sidecar at 127.0.0.1:" +
                                   std::to_string(sidecar.port())));
     // The game is served meanwhile.
     TestClient a;
