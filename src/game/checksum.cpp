@@ -56,10 +56,7 @@ void declareDesync(Match& match, const Seating& seating, std::uint32_t step) {
     metrics().desyncs.fetch_add(1, std::memory_order_relaxed);
     if (match.recording)
         record(match.recording, RecordType::desync,
-               Writer().u32(step).u32(match.desyncCount)
-                   .str("server_data/resyncs/room" + std::to_string(seating.roomId) + "_desync" +
-                        std::to_string(match.desyncCount))
-                   .take());
+               Writer().u32(step).u32(match.desyncCount).str(evidenceStem(seating.roomId, match.desyncCount)).take());
     if (match.desyncCount >= kDesyncCountShown)
         sendTextToSeated(seating.peers, "This is desync number " + std::to_string(match.desyncCount) +
                                             ". Consider quitting match if this happens too often");
@@ -74,9 +71,12 @@ void declareDesync(Match& match, const Seating& seating, std::uint32_t step) {
     sendToSeated(seating.peers, kOrderChannel, serializeOrder(resync));
 }
 
+std::string evidenceStem(std::uint32_t roomId, std::uint32_t desyncCount) {
+    return "server_data/resyncs/room" + std::to_string(roomId) + "_desync" + std::to_string(desyncCount);
+}
+
 std::string evidenceBaseName(std::uint32_t roomId, std::uint32_t desyncCount, std::size_t slot) {
-    return dataRootPrefix() + "server_data/resyncs/room" + std::to_string(roomId) + "_desync" +
-           std::to_string(desyncCount) + "_peer" + std::to_string(slot);
+    return dataRootPrefix() + evidenceStem(roomId, desyncCount) + "_peer" + std::to_string(slot);
 }
 
 void handleResyncReport(Storage& storage, Match& match, const Seating& seating, std::uint32_t slot,

@@ -108,5 +108,8 @@ void declareDesync(Match& match, const Seating& seating, std::uint32_t step);
 void handleResyncReport(Storage& storage, Match& match, const Seating& seating, std::uint32_t slot,
                         const ResyncReport& report, ByteView packet, KeptBytes kept, std::uint64_t evidenceLimit,
                         Storage::Owner owner);
-// Data root + "server_data/resyncs/room<id>_desync<count>_peer<slot>".
+// "server_data/resyncs/room<id>_desync<count>": what a desync's evidence
+// files are named after, as the recording names it (relative to the data root).
+std::string evidenceStem(std::uint32_t roomId, std::uint32_t desyncCount);
+// Data root + evidenceStem + "_peer<slot>".
 std::string evidenceBaseName(std::uint32_t roomId, std::uint32_t desyncCount, std::size_t slot);
