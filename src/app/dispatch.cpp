@@ -93,14 +93,14 @@ void granted(const Incoming& in) {
 
 // For messages that only a player in a room can send: from anyone else they
 // change nothing, and are dropped without being decoded or logged.
-template <typename M, void (*Handle)(const Incoming&, const Seat&, M&),
+template <typename M, void (*Handle)(const Incoming&, const Place&, M&),
           std::optional<M> (*Decode)(ByteView) = &decode<M>>
-void seated(const Incoming& in) {
-    const Seat* seat = seatOf(in.server.rooms, in.peer);
-    if (seat == nullptr) return;
+void fromPlayer(const Incoming& in) {
+    const Place* place = placeOf(in.server.rooms, in.peer);
+    if (place == nullptr) return;
     std::optional<M> m = Decode(in.packet);
     if (!m) return malformed(in, M::kName);
-    Handle(in, *seat, *m);
+    Handle(in, *place, *m);
 }
 
 std::uint32_t now32() { return static_cast<std::uint32_t>(unixNow()); }
@@ -209,14 +209,14 @@ void onText(const Incoming& in, Text& m) {
 
 // ---- Match control and orders ----
 void onLeaveMatch(const Incoming& in, LeaveMatch&) { leaveRoom(in.server.rooms, in.peer, false); }
-void onDelayHold(const Incoming&, const Seat& seat, DelayHold&) { holdDelay(seat.room->match); }
-void onDelayRequest(const Incoming&, const Seat& seat, DelayRequest&) { requestLongerDelay(seat.room->match); }
-void onResyncReport(const Incoming& in, const Seat& seat, ResyncReport& m) {
-    handleResyncReport(in.server.storage, seat.room->match, seating(*seat.room), seat.slot, m, in.packet, keep(in),
+void onDelayHold(const Incoming&, const Place& place, DelayHold&) { holdDelay(place.room->match); }
+void onDelayRequest(const Incoming&, const Place& place, DelayRequest&) { requestLongerDelay(place.room->match); }
+void onResyncReport(const Incoming& in, const Place& place, ResyncReport& m) {
+    handleResyncReport(in.server.storage, place.room->match, matchView(*place.room), place.slot, m, in.packet, keep(in),
                        in.server.limits.resyncBytesPerRoom, refOf(in.peer).connection);
 }
-void onOrder(const Incoming& in, const Seat& seat, Order& m) {
-    handleOrder(seat.room->match, seating(*seat.room), seat.slot, m, in.packet);
+void onOrder(const Incoming& in, const Place& place, Order& m) {
+    handleOrder(place.room->match, matchView(*place.room), place.slot, m, in.packet);
 }
 
 // ---- Reports ----
@@ -309,7 +309,7 @@ struct Route {
 
 // Orders first: they are most of the traffic.
 constexpr Route kRoutes[] = {
-    {kOrderChannel, kWholeChannel, seated<Order, onOrder, &parseOrder>},
+    {kOrderChannel, kWholeChannel, fromPlayer<Order, onOrder, &parseOrder>},
     {kTextChannel, kWholeChannel, decoded<Text, onText>},
     {kLobbyChannel, CreateRoom::kType, decoded<CreateRoom, onCreateRoom>},
     {kLobbyChannel, JoinRoom::kType, decoded<JoinRoom, onJoinRoom>},
@@ -327,9 +327,9 @@ constexpr Route kRoutes[] = {
     {kLobbyChannel, SetRoomPassword::kType, granted<SetRoomPassword, onSetRoomPassword, kFeaturePrivateRooms>},
     {kLobbyChannel, KickAndBan::kType, granted<KickAndBan, onKickAndBan, kFeaturePrivateRooms>},
     {kMatchControlChannel, LeaveMatch::kType, decoded<LeaveMatch, onLeaveMatch>},
-    {kMatchControlChannel, DelayHold::kType, seated<DelayHold, onDelayHold>},
-    {kMatchControlChannel, DelayRequest::kType, seated<DelayRequest, onDelayRequest>},
-    {kMatchControlChannel, ResyncReport::kType, seated<ResyncReport, onResyncReport>},
+    {kMatchControlChannel, DelayHold::kType, fromPlayer<DelayHold, onDelayHold>},
+    {kMatchControlChannel, DelayRequest::kType, fromPlayer<DelayRequest, onDelayRequest>},
+    {kMatchControlChannel, ResyncReport::kType, fromPlayer<ResyncReport, onResyncReport>},
     {kReportsChannel, FeedbackReport::kType, decoded<FeedbackReport, onFeedbackReport>},
     {kReportsChannel, DeterminismTestReport::kType, decoded<DeterminismTestReport, onDeterminismTestReport>},
     {kEventTrackingChannel, TrackEvent::kType, decoded<TrackEvent, onTrackEvent>},

@@ -4,19 +4,19 @@
 #include <set>
 
 std::string brokenInvariant(const Server& s) {
-    std::set<const ENetPeer*> seated;
+    std::set<const ENetPeer*> placed;
     for (const auto& [id, room] : s.rooms.byId) {
         if (room == nullptr || room->id != id) return "room " + std::to_string(id) + " filed under another ID";
         if (id == 0) return "a room with ID 0";
         for (std::uint32_t i = 0; i < kSlotCount; ++i) {
             const Slot& slot = room->slots[i];
             if (slot.peer == nullptr) continue;
-            if (s.peers.count(slot.peer) == 0) return "a seated peer is not connected";
-            if (!seated.insert(slot.peer).second) return "a peer holds two seats";
-            if (slot.info == nullptr) return "a seated peer has no setup";
-            const Seat* indexed = seatOf(s.rooms, slot.peer);
+            if (s.peers.count(slot.peer) == 0) return "a player's connection is not registered";
+            if (!placed.insert(slot.peer).second) return "a peer holds two slots";
+            if (slot.info == nullptr) return "a player's slot has no setup";
+            const Place* indexed = placeOf(s.rooms, slot.peer);
             if (indexed == nullptr || indexed->room != room.get() || indexed->slot != i)
-                return "the seat index disagrees with room " + std::to_string(id);
+                return "the place index disagrees with room " + std::to_string(id);
         }
         const Match& m = room->match;
         if (room->hostSlot >= kSlotCount) return "host slot out of range";
@@ -26,7 +26,7 @@ std::string brokenInvariant(const Server& s) {
         if (room->running && !room->started) return "running before started";
         if (room->started && room->open) return "started but open";
     }
-    if (s.rooms.seats.size() != seated.size()) return "the seat index holds peers in no slot";
+    if (s.rooms.places.size() != placed.size()) return "the place index holds peers in no slot";
     for (ENetPeer* p : s.peers) {
         if (p->data == nullptr) return "a registered peer has no address record";
         if (s.budgets.count(p) == 0) return "a registered peer has no budget";

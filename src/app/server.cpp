@@ -149,7 +149,7 @@ void stopServer(Server& server) {
     for (auto& [id, room] : server.rooms.byId) endRecording(server.storage, room->match.recording, 1, room->match.lastCompletedStep);
     // Every queued write lands, and is logged, before the rooms and peers go.
     server.storage.stop();
-    server.rooms.seats.clear();
+    server.rooms.places.clear();
     server.rooms.byId.clear();
     for (ENetPeer* peer : server.peers) {
         delete static_cast<PeerInfo*>(peer->data);

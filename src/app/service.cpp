@@ -26,7 +26,7 @@ void runRoomWork(Server& server) {
     }
     checkRoomStarts(server.rooms);
     for (auto& [id, room] : server.rooms.byId)
-        if (room->running) adaptOrderDelay(room->match, seatPeers(*room));
+        if (room->running) adaptOrderDelay(room->match, audienceOf(*room));
 }
 
 namespace {

@@ -7,18 +7,18 @@ namespace {
 // From this desync on, the players are told how many there have been.
 constexpr std::uint32_t kDesyncCountShown = 4;
 
-// Complete when every occupied slot has a nonzero checksum; agreement is
-// only meaningful then. Slots without a peer are ignored either way.
-bool isComplete(const SeatPeers& seats, const ChecksumRecord& record) {
+// Complete when every counted player has a nonzero checksum; agreement is
+// only meaningful then. The other slots are ignored either way.
+bool isComplete(const SlotFlags& counted, const ChecksumRecord& record) {
     for (std::size_t j = 0; j < kSlotCount; ++j)
-        if (seats[j] != nullptr && record[j] == 0) return false;
+        if (counted[j] && record[j] == 0) return false;
     return true;
 }
 
-bool agrees(const SeatPeers& seats, const ChecksumRecord& record) {
+bool agrees(const SlotFlags& counted, const ChecksumRecord& record) {
     const std::uint32_t* first = nullptr;
     for (std::size_t j = 0; j < kSlotCount; ++j) {
-        if (seats[j] == nullptr) continue;
+        if (!counted[j]) continue;
         if (first == nullptr)
             first = &record[j];
         else if (record[j] != *first)
@@ -37,28 +37,28 @@ void writeEvidence(const std::string& path, ByteView data) {
 }
 }  // namespace
 
-void handleChecksum(Match& match, const Seating& seating, std::uint32_t slot, std::uint32_t step,
+void handleChecksum(Match& match, const MatchView& view, std::uint32_t slot, std::uint32_t step,
                     std::uint32_t checksum) {
     if (!withinStepWindow(match, step)) return;
     auto& records = match.checksumRecords;
     auto [it, fresh] = records.try_emplace(step);  // a new record waits for the others
     it->second[slot] = checksum;
     if (fresh) pruneBehindStepWindow(match, records);
-    if (!isComplete(seating.peers, it->second)) return;
-    if (!agrees(seating.peers, it->second)) declareDesync(match, seating, step);
+    if (!isComplete(view.counted, it->second)) return;
+    if (!agrees(view.counted, it->second)) declareDesync(match, view, step);
     records.erase(step);  // compared once, desync or not
 }
 
-void declareDesync(Match& match, const Seating& seating, std::uint32_t step) {
-    logError("|||| Checksums failed at step " + std::to_string(step) + " in room " + std::to_string(seating.roomId));
-    sendTextToSeated(seating.peers, "Desync detected... attempting resync...");
+void declareDesync(Match& match, const MatchView& view, std::uint32_t step) {
+    logError("|||| Checksums failed at step " + std::to_string(step) + " in room " + std::to_string(view.roomId));
+    sendTextToPlayers(view.audience, "Desync detected... attempting resync...");
     match.desyncCount += 1;
     metrics().desyncs.fetch_add(1, std::memory_order_relaxed);
     if (match.recording)
         record(match.recording, RecordType::desync,
-               Writer().u32(step).u32(match.desyncCount).str(evidenceStem(seating.roomId, match.desyncCount)).take());
+               Writer().u32(step).u32(match.desyncCount).str(evidenceStem(view.roomId, match.desyncCount)).take());
     if (match.desyncCount >= kDesyncCountShown)
-        sendTextToSeated(seating.peers, "This is desync number " + std::to_string(match.desyncCount) +
+        sendTextToPlayers(view.audience, "This is desync number " + std::to_string(match.desyncCount) +
                                             ". Consider quitting match if this happens too often");
     match.resyncStep = match.lastCompletedStep + 1;
 
@@ -67,8 +67,8 @@ void declareDesync(Match& match, const Seating& seating, std::uint32_t step) {
     resync.argument = 0xFFFFFFFFu;
     resync.firstList = {};
     resync.orderType = kResyncOrderType;
-    // Every seated player has a setup, so every one of them is resynced.
-    sendToSeated(seating.peers, kOrderChannel, serializeOrder(resync));
+    // Every player has a setup, so every one of them is resynced.
+    sendToAudience(view.audience, kOrderChannel, serializeOrder(resync));
 }
 
 std::string evidenceStem(std::uint32_t roomId, std::uint32_t desyncCount) {
@@ -79,7 +79,7 @@ std::string evidenceBaseName(std::uint32_t roomId, std::uint32_t desyncCount, st
     return dataRootPrefix() + evidenceStem(roomId, desyncCount) + "_peer" + std::to_string(slot);
 }
 
-void handleResyncReport(Storage& storage, Match& match, const Seating& seating, std::uint32_t slot,
+void handleResyncReport(Storage& storage, Match& match, const MatchView& view, std::uint32_t slot,
                         const ResyncReport& report, ByteView packet, KeptBytes kept, std::uint64_t evidenceLimit,
                         Storage::Owner owner) {
     match.resyncPending[slot] = false;
@@ -94,7 +94,7 @@ void handleResyncReport(Storage& storage, Match& match, const Seating& seating, 
         if (match.recording)
             record(match.recording, RecordType::delay, Writer(12).u32(match.lastCompletedStep).u32(0).u32(2).take());
         match.delayHold = kMaxDelayHold;  // no lengthening until the hold has run down
-        for (ENetPeer* peer : seating.peers)
+        for (ENetPeer* peer : view.audience.players)
             if (peer != nullptr) players.push_back(refOf(peer));
     }
     // A room that desyncs again and again would fill the disk with evidence
@@ -106,7 +106,7 @@ void handleResyncReport(Storage& storage, Match& match, const Seating& seating, 
         match.evidenceBytes += evidence;
     } else {
         countLimit(LimitFired::resyncPerRoom);
-        logError("|||| Resync evidence of room " + std::to_string(seating.roomId) + " over its limit of " +
+        logError("|||| Resync evidence of room " + std::to_string(view.roomId) + " over its limit of " +
                  std::to_string(evidenceLimit) + " bytes: not written");
     }
     // The world and the log are parts of the report: the worker writes them
@@ -123,7 +123,7 @@ void handleResyncReport(Storage& storage, Match& match, const Seating& seating, 
     // The players hear of it once the evidence is on disk.
     const std::size_t size = kept.bytes().size();
     if (storage.submit(
-            [write, base = evidenceBaseName(seating.roomId, match.desyncCount, slot), world = part(report.world),
+            [write, base = evidenceBaseName(view.roomId, match.desyncCount, slot), world = part(report.world),
              log = part(report.log), kept, relay]() -> Storage::Completion {
                 if (write) {
                     writeEvidence(base + ".world", kept.bytes().subspan(world.first, world.second));
@@ -138,7 +138,7 @@ void handleResyncReport(Storage& storage, Match& match, const Seating& seating, 
     // flooding reports cannot flood the log too.
     const std::uint64_t n = ++match.evidenceRefused;
     if ((n & (n - 1)) == 0)
-        logError("|||| Resync evidence of room " + std::to_string(seating.roomId) + " over its sender's share of the "
+        logError("|||| Resync evidence of room " + std::to_string(view.roomId) + " over its sender's share of the "
                  "storage worker: not written (" + std::to_string(n) + " so far)");
     relay(packet);
 }

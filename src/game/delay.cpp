@@ -15,21 +15,21 @@ constexpr std::uint32_t kMaxOrderDelay = 64;
 constexpr std::uint32_t kStepsBeforeLengthening = 100;
 constexpr std::uint32_t kStepMilliseconds = static_cast<std::uint32_t>(STEP_SECONDS * 1000);
 
-std::uint32_t largestRoundTripTime(const SeatPeers& seats) {
+std::uint32_t largestRoundTripTime(const Audience& audience) {
     std::uint32_t rtt = 0;
-    for (const ENetPeer* peer : seats)
+    for (const ENetPeer* peer : audience.players)
         if (peer != nullptr) rtt = std::max(rtt, peerRoundTripTime(peer));
     return rtt;
 }
 
-void decide(Match& match, const SeatPeers& seats) {
+void decide(Match& match, const Audience& audience) {
     match.delayCooldown = kPassesPerDecision;
     if (match.lagReports == 0) {
         // In unsigned 32-bit arithmetic, like the delay itself.
-        std::uint32_t rtt = largestRoundTripTime(seats);
+        std::uint32_t rtt = largestRoundTripTime(audience);
         if (2u * rtt < kStepMilliseconds * match.orderDelay) {
             // Sent even when the delay already is at its minimum.
-            sendToSeated(seats, kMatchControlChannel, encode(DelayDecrease{}));
+            sendToPlayers(audience, kMatchControlChannel, encode(DelayDecrease{}));
             match.orderDelay = match.orderDelay > kMinOrderDelay ? match.orderDelay - 1 : kMinOrderDelay;
             match.delayCooldown = kPassesPerDecision;
             if (match.recording)
@@ -37,7 +37,7 @@ void decide(Match& match, const SeatPeers& seats) {
         }
     }
     if (match.lagReports != 0 && match.delayHold == 0 && match.lastCompletedStep > kStepsBeforeLengthening) {
-        sendToSeated(seats, kMatchControlChannel, encode(DelayIncrease{}));
+        sendToPlayers(audience, kMatchControlChannel, encode(DelayIncrease{}));
         match.lagReports = 0;
         match.orderDelay = std::min(match.orderDelay + 1, kMaxOrderDelay);
         match.delayCooldown = kPassesPerDecision;
@@ -47,11 +47,11 @@ void decide(Match& match, const SeatPeers& seats) {
     }
 }
 
-void pass(Match& match, const SeatPeers& seats) {
+void pass(Match& match, const Audience& audience) {
     if (match.delayCooldown > 0)
         --match.delayCooldown;
     else
-        decide(match, seats);
+        decide(match, audience);
     if (match.delayHold > 0) --match.delayHold;
     if (match.lagReports > 0) --match.lagReports;
     match.delayTicks = 0;
@@ -60,7 +60,7 @@ void pass(Match& match, const SeatPeers& seats) {
 
 std::uint32_t peerRoundTripTime(const ENetPeer* peer) { return peer->roundTripTime; }
 
-void adaptOrderDelay(Match& match, const SeatPeers& seats) {
-    if (match.delayTicks >= kTicksPerPass) pass(match, seats);
+void adaptOrderDelay(Match& match, const Audience& audience) {
+    if (match.delayTicks >= kTicksPerPass) pass(match, audience);
     ++match.delayTicks;
 }

@@ -1,7 +1,7 @@
 #pragma once
 // A room's match and the relay that works on it: orders, step completion,
 // the order-delay controller, checksums, desyncs and resync. The relay knows
-// a room only as its seats (and its ID, for the log and the evidence files).
+// a room only as a MatchView (and its ID, for the log and the evidence files).
 
 #include <array>
 #include <cstdint>
@@ -37,9 +37,13 @@ using ChecksumRecord = std::array<std::uint32_t, kSlotCount>;
 // further behind as the match goes on are pruned.
 inline constexpr std::uint32_t kStepWindow = 4096;
 
-struct Seating {
+// A room's match as the relay sees it: whose reports steps and checksums
+// wait for (the players connected and caught up), and who is sent what the
+// match relays.
+struct MatchView {
     std::uint32_t roomId = 0;
-    SeatPeers peers{};
+    SlotFlags counted{};
+    Audience audience;
 };
 
 // Lives as long as its room: orders are handled in a room before its match
@@ -78,34 +82,34 @@ void pruneBehindStepWindow(const Match& match, Entries& entries) {
     entries.erase(entries.begin(), entries.lower_bound(match.lastCompletedStep - kStepWindow));
 }
 // An order from the peer in senderSlot; packet is the order as it came.
-void handleOrder(Match& match, const Seating& seating, std::uint32_t senderSlot, const Order& order,
+void handleOrder(Match& match, const MatchView& view, std::uint32_t senderSlot, const Order& order,
                  ByteView packet);
-// Records that slot finished step; announces the step to every occupied slot
-// once all of them have. Slots outside 0..7 are ignored.
-void markStepDone(Match& match, const SeatPeers& seats, std::int32_t slot, std::uint32_t step);
-// True when step has reports and every occupied slot has reported it.
-bool isStepComplete(const Match& match, const SeatPeers& seats, std::uint32_t step);
+// Records that slot finished step; announces the step to the audience once
+// every counted player has. Slots outside 0..7 are ignored.
+void markStepDone(Match& match, const MatchView& view, std::int32_t slot, std::uint32_t step);
+// True when step has reports and every counted player has reported it.
+bool isStepComplete(const Match& match, const SlotFlags& counted, std::uint32_t step);
 void holdDelay(Match& match);
 void requestLongerDelay(Match& match);
 
 // ---- Order delay (delay.cpp) ----
 // Once per room work for a running match.
-void adaptOrderDelay(Match& match, const SeatPeers& seats);
+void adaptOrderDelay(Match& match, const Audience& audience);
 // The controller's view of a peer's round-trip time in milliseconds.
 std::uint32_t peerRoundTripTime(const ENetPeer* peer);
 
 // ---- Checksums and resync (checksum.cpp) ----
-void handleChecksum(Match& match, const Seating& seating, std::uint32_t slot, std::uint32_t step,
+void handleChecksum(Match& match, const MatchView& view, std::uint32_t slot, std::uint32_t step,
                     std::uint32_t checksum);
 // Logs, tells the players, stops orders beyond the next step and sends the
 // resync order.
-void declareDesync(Match& match, const Seating& seating, std::uint32_t step);
+void declareDesync(Match& match, const MatchView& view, std::uint32_t step);
 // Evidence files (written by the storage worker, within the share of owner,
 // the reporting peer), then completion of the resync; packet is the report as
 // it came (the record views it) and kept the same bytes held for the worker.
 // Evidence past evidenceLimit bytes for the room (0: no limit), or past the
 // peer's share of the worker, is relayed at once but not written.
-void handleResyncReport(Storage& storage, Match& match, const Seating& seating, std::uint32_t slot,
+void handleResyncReport(Storage& storage, Match& match, const MatchView& view, std::uint32_t slot,
                         const ResyncReport& report, ByteView packet, KeptBytes kept, std::uint64_t evidenceLimit,
                         Storage::Owner owner);
 // "server_data/resyncs/room<id>_desync<count>": what a desync's evidence

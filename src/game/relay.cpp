@@ -3,29 +3,29 @@
 #include "game/match.h"
 #include "log/metrics.h"
 
-void handleOrder(Match& match, const Seating& seating, std::uint32_t senderSlot, const Order& order,
+void handleOrder(Match& match, const MatchView& view, std::uint32_t senderSlot, const Order& order,
                  ByteView packet) {
     if (order.step > match.resyncStep) return;
     if (order.orderType == kChecksumOrderType) {
         if (match.recording)
             record(match.recording, RecordType::checksum, Writer(12).u32(order.step).u32(senderSlot).u32(order.argument).take());
-        handleChecksum(match, seating, senderSlot, order.step, order.argument);
+        handleChecksum(match, view, senderSlot, order.step, order.argument);
     } else if (isStepDoneOrder(order)) {
         // The slot the order names, which need not be the sender's.
-        markStepDone(match, seating.peers, static_cast<std::int32_t>(order.argument), order.step);
+        markStepDone(match, view, static_cast<std::int32_t>(order.argument), order.step);
     } else {
         // The bytes as they came, never re-encoded.
-        sendToSeated(seating.peers, kOrderChannel, packet, seating.peers[senderSlot]);
+        sendToAudience(view.audience, kOrderChannel, packet, view.audience.players[senderSlot]);
         if (match.recording)
             record(match.recording, RecordType::order, Writer(8 + packet.size()).u32(order.step).u32(senderSlot).bytes(packet).take());
     }
 }
 
-bool isStepComplete(const Match& match, const SeatPeers& seats, std::uint32_t step) {
+bool isStepComplete(const Match& match, const SlotFlags& counted, std::uint32_t step) {
     auto it = match.stepReports.find(step);
     if (it == match.stepReports.end()) return false;
     for (std::size_t i = 0; i < kSlotCount; ++i)
-        if (seats[i] != nullptr && !it->second[i]) return false;
+        if (counted[i] && !it->second[i]) return false;
     return true;
 }
 
@@ -34,7 +34,7 @@ bool withinStepWindow(const Match& match, std::uint32_t step) {
     return step > last ? step - last <= kStepWindow : last - step <= kStepWindow;
 }
 
-void markStepDone(Match& match, const SeatPeers& seats, std::int32_t slot, std::uint32_t step) {
+void markStepDone(Match& match, const MatchView& view, std::int32_t slot, std::uint32_t step) {
     if (slot < 0 || slot >= static_cast<std::int32_t>(kSlotCount)) return;
     if (!withinStepWindow(match, step)) return;
     auto [entry, fresh] = match.stepReports.try_emplace(step);  // a new entry starts all clear
@@ -44,12 +44,12 @@ void markStepDone(Match& match, const SeatPeers& seats, std::int32_t slot, std::
         pruneBehindStepWindow(match, match.stepFirstReportMicros);
         if (stepTimingEnabled()) match.stepFirstReportMicros[step] = monotonicMicros();
     }
-    if (!isStepComplete(match, seats, step)) return;
+    if (!isStepComplete(match, view.counted, step)) return;
 
     Order notice;
     notice.step = step;
     notice.argument = static_cast<std::uint32_t>(slot);
-    sendToSeated(seats, kOrderChannel, serializeOrder(notice));
+    sendToAudience(view.audience, kOrderChannel, serializeOrder(notice));
     if (match.recording)
         record(match.recording, RecordType::stepCompleted, Writer(8).u32(step).u32(static_cast<std::uint32_t>(slot)).take());
     match.stepReports.erase(step);

@@ -16,7 +16,10 @@
 #include "lobby/room.h"
 
 // The bytes to every human of the room (except one peer, when given).
+// (Spectators are not humans of the room: they are sent only what the
+// match relays.)
 void sendToHumans(const Room& room, std::uint8_t channel, ByteView bytes, const ENetPeer* except = nullptr);
+void sendTextToRoom(const Room& room, const std::string& text);
 
 // ---- Rooms (rooms.cpp) ----
 // The new room, or nullptr when the peer is in a room already.

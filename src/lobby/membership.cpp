@@ -148,7 +148,7 @@ void admit(RoomRegistry& rooms, ENetPeer* peer, std::uint32_t roomId, const std:
     if (free < 0) return reply.refuse(JoinRefusal::full, kFull, kFull);
     auto index = static_cast<std::uint32_t>(free);
 
-    seat(rooms, room, index, peer);
+    takeSlot(rooms, room, index, peer);
     room.slots[index].info = freshPlayerSetup(index);
 
     sendBytes(peer, kLobbyChannel, encode(JoinAccepted{1, index, room.id}));
@@ -174,10 +174,10 @@ void joinPrivateRoom(RoomRegistry& rooms, ENetPeer* peer, std::uint32_t roomId, 
 }
 
 void leaveRoom(RoomRegistry& rooms, ENetPeer* peer, bool disconnected) {
-    const Seat* seated = seatOf(rooms, peer);
-    if (seated == nullptr) return;
-    Room& room = *seated->room;
-    const std::uint32_t index = seated->slot;
+    const Place* place = placeOf(rooms, peer);
+    if (place == nullptr) return;
+    Room& room = *place->room;
+    const std::uint32_t index = place->slot;
     Slot& slot = room.slots[index];
 
     if (room.running) {
@@ -185,17 +185,17 @@ void leaveRoom(RoomRegistry& rooms, ENetPeer* peer, bool disconnected) {
         // keys. The leaver still stands in its slot while this runs.
         std::vector<std::uint32_t> steps;
         for (const auto& [step, flags] : room.match.stepReports) steps.push_back(step);
-        const SeatPeers seats = seatPeers(room);
-        for (std::uint32_t step : steps) markStepDone(room.match, seats, static_cast<std::int32_t>(index), step);
+        const MatchView view = matchView(room);
+        for (std::uint32_t step : steps) markStepDone(room.match, view, static_cast<std::int32_t>(index), step);
 
         sendToHumans(room, kMatchControlChannel, encode(PlayerLeftMatch{1, index}));
         std::string name = slot.info ? slot.info->playerName : std::string();
         if (room.match.recording)
             record(room.match.recording, RecordType::left, Writer().u32(index).u32(disconnected ? 1 : 0).str(name).take());
-        sendTextToSeated(seats, name + (disconnected ? " has been disconnected from server" : " has left the game"));
+        sendTextToRoom(room, name + (disconnected ? " has been disconnected from server" : " has left the game"));
     }
 
-    unseat(rooms, room, index);
+    leaveSlot(rooms, room, index);
     slot.info.reset();
 
     sendToHumans(room, kLobbyChannel, freshPlayerSetup(index)->bytes);
@@ -245,7 +245,7 @@ void kickPlayer(RoomRegistry& rooms, ENetPeer* peer, std::uint32_t slot) {
     std::string name = info ? info->playerName : std::string();
 
     sendBytes(kicked, kLobbyChannel, encode(Kicked{}));
-    sendTextToSeated(seatPeers(*room), name + " has been kicked by host");
+    sendTextToRoom(*room, name + " has been kicked by host");
     leaveRoom(rooms, kicked, false);
 }
 

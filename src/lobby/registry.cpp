@@ -14,21 +14,31 @@ std::uint32_t capacity(const Room& room) {
     return room.settings.startLocations < notClosed ? room.settings.startLocations : notClosed;
 }
 
-SeatPeers seatPeers(const Room& room) {
-    SeatPeers peers;
-    for (std::size_t i = 0; i < kSlotCount; ++i) peers[i] = room.slots[i].peer;
-    return peers;
+Audience audienceOf(const Room& room) {
+    Audience audience;
+    for (std::size_t i = 0; i < kSlotCount; ++i) {
+        const Slot& slot = room.slots[i];
+        const bool sent = slot.state == PlayerState::connected || slot.state == PlayerState::catchingUp;
+        audience.players[i] = sent ? slot.peer : nullptr;
+    }
+    audience.spectators = room.spectators;
+    return audience;
 }
 
-Seating seating(const Room& room) { return Seating{room.id, seatPeers(room)}; }
+MatchView matchView(const Room& room) {
+    MatchView view{room.id, {}, audienceOf(room)};
+    for (std::size_t i = 0; i < kSlotCount; ++i)
+        view.counted[i] = room.slots[i].peer != nullptr && room.slots[i].state == PlayerState::connected;
+    return view;
+}
 
-const Seat* seatOf(const RoomRegistry& rooms, const ENetPeer* peer) {
-    auto it = rooms.seats.find(peer);
-    return it == rooms.seats.end() ? nullptr : &it->second;
+const Place* placeOf(const RoomRegistry& rooms, const ENetPeer* peer) {
+    auto it = rooms.places.find(peer);
+    return it == rooms.places.end() ? nullptr : &it->second;
 }
 
 Room* roomOf(const RoomRegistry& rooms, const ENetPeer* peer) {
-    const Seat* s = seatOf(rooms, peer);
+    const Place* s = placeOf(rooms, peer);
     return s != nullptr ? s->room : nullptr;
 }
 
@@ -37,13 +47,13 @@ Room* findRoom(const RoomRegistry& rooms, std::uint32_t id) {
     return it == rooms.byId.end() ? nullptr : it->second.get();
 }
 
-void seat(RoomRegistry& rooms, Room& room, std::uint32_t slot, ENetPeer* peer) {
+void takeSlot(RoomRegistry& rooms, Room& room, std::uint32_t slot, ENetPeer* peer) {
     room.slots[slot].peer = peer;
-    rooms.seats[peer] = Seat{&room, slot};
+    rooms.places[peer] = Place{&room, slot};
 }
 
-void unseat(RoomRegistry& rooms, Room& room, std::uint32_t slot) {
-    rooms.seats.erase(room.slots[slot].peer);
+void leaveSlot(RoomRegistry& rooms, Room& room, std::uint32_t slot) {
+    rooms.places.erase(room.slots[slot].peer);
     room.slots[slot].peer = nullptr;
 }
 
@@ -54,7 +64,7 @@ void compactSlots(RoomRegistry& rooms, Room& room) {
         for (std::uint32_t j = i + 1; j < kSlotCount; ++j) {
             if (room.slots[j].peer != nullptr) {
                 std::swap(slot, room.slots[j]);
-                rooms.seats[slot.peer].slot = i;
+                rooms.places[slot.peer].slot = i;
                 break;
             }
         }

@@ -1,6 +1,11 @@
 #pragma once
 // Rooms of up to eight players, and the registry that owns them with its
-// index from a peer to its seat.
+// index from a peer to its place in them.
+//
+// A room's slots are its roster: each player's record, its connection and
+// its state in the match. Its audience is who is sent what the match relays:
+// the players connected (and caught up with the stream) and the spectators
+// that watch live. Steps wait only for the players counted.
 
 #include <array>
 #include <cstdint>
@@ -18,9 +23,19 @@
 #include "protocol/messages.h"
 #include "protocol/send.h"
 
+// Where a player of a running match stands. Before the start, and in any
+// room where a drop is a leave, every player with a record is connected.
+enum class PlayerState : std::uint8_t {
+    connected,   // plays: counted, and sent the relay
+    away,        // lost its connection; its record waits for it to rejoin
+    rejoining,   // back, and being sent the match's stream: sent nothing live yet
+    catchingUp,  // sent the relay again, and running through the stream: not counted until it says it caught up
+};
+
 struct Slot {
-    ENetPeer* peer = nullptr;            // a human's connection
+    ENetPeer* peer = nullptr;            // a human's connection (null while away)
     std::unique_ptr<PlayerSetup> info;  // nobody in the slot when null
+    PlayerState state = PlayerState::connected;
 };
 
 // Failed joins counted over a minute.
@@ -69,6 +84,8 @@ struct Room {
     SlotFlags confirmed{};
     SlotFlags closed{};
     std::uint32_t hostSlot = 0;
+    // Spectators that watch the match live, in the order they came.
+    std::vector<ENetPeer*> spectators;
     Match match;
 };
 
@@ -76,21 +93,22 @@ struct Room {
 std::uint32_t humanCount(const Room& room);
 // The smaller of the map's start locations and the slots not closed.
 std::uint32_t capacity(const Room& room);
-SeatPeers seatPeers(const Room& room);
-Seating seating(const Room& room);
+// The players sent the relay: connected, or back and past the stream.
+Audience audienceOf(const Room& room);
+MatchView matchView(const Room& room);
 
-struct Seat {
+struct Place {
     Room* room = nullptr;
     std::uint32_t slot = 0;
 };
 
-// Slot peers change only through seat, unseat and compactSlots, which keep
-// the index in step with the rooms.
+// Slot peers change only through takeSlot, leaveSlot and compactSlots, which
+// keep the index in step with the rooms.
 struct RoomRegistry {
     // Owned rooms, walked in ID order.
     std::map<std::uint32_t, std::unique_ptr<Room>> byId;
     std::uint32_t nextRoomId = 1;
-    std::unordered_map<const ENetPeer*, Seat> seats;
+    std::unordered_map<const ENetPeer*, Place> places;
     // Where matches are recorded as they start; null: none are.
     Recordings* recordings = nullptr;
     // Failed joins into a room with a password allowed per minute, per peer
@@ -99,11 +117,11 @@ struct RoomRegistry {
     std::uint32_t joinFailuresPerRoom = 30;
 };
 
-// The room and slot of a seated peer, or nullptr.
-const Seat* seatOf(const RoomRegistry& rooms, const ENetPeer* peer);
+// The room and slot of a player's connection, or nullptr.
+const Place* placeOf(const RoomRegistry& rooms, const ENetPeer* peer);
 Room* roomOf(const RoomRegistry& rooms, const ENetPeer* peer);
 Room* findRoom(const RoomRegistry& rooms, std::uint32_t id);
-void seat(RoomRegistry& rooms, Room& room, std::uint32_t slot, ENetPeer* peer);
-void unseat(RoomRegistry& rooms, Room& room, std::uint32_t slot);
+void takeSlot(RoomRegistry& rooms, Room& room, std::uint32_t slot, ENetPeer* peer);
+void leaveSlot(RoomRegistry& rooms, Room& room, std::uint32_t slot);
 // Moves humans forward into empty slots; records without a peer stay put.
 void compactSlots(RoomRegistry& rooms, Room& room);

@@ -5,7 +5,13 @@
 #include "log/log.h"
 
 void sendToHumans(const Room& room, std::uint8_t channel, ByteView bytes, const ENetPeer* except) {
-    sendToSeated(seatPeers(room), channel, bytes, except);
+    Audience humans;
+    for (std::size_t i = 0; i < kSlotCount; ++i) humans.players[i] = room.slots[i].peer;
+    sendToPlayers(humans, channel, bytes, except);
+}
+
+void sendTextToRoom(const Room& room, const std::string& text) {
+    sendToHumans(room, kTextChannel, encode(Text{text}));
 }
 
 GameSettings defaultGameSettings() {

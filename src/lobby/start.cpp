@@ -43,7 +43,7 @@ Readiness countReadiness(const Room& room) {
 }
 
 void refuseStart(Room& room, const std::string& text, const std::string& logLine) {
-    sendTextToSeated(seatPeers(room), text);
+    sendTextToRoom(room, text);
     logMessage(logLine);
 }
 
@@ -122,11 +122,11 @@ void checkRoomStart(RoomRegistry& rooms, Room& room) {
 }  // namespace
 
 void requestStart(RoomRegistry& rooms, ENetPeer* peer) {
-    const Seat* seated = seatOf(rooms, peer);
-    if (seated == nullptr) return;
-    Room& room = *seated->room;
+    const Place* place = placeOf(rooms, peer);
+    if (place == nullptr) return;
+    Room& room = *place->room;
     if (room.startRequested)
-        room.confirmed[seated->slot] = true;
+        room.confirmed[place->slot] = true;
     else
         room.startRequested = true;
 }

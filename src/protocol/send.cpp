@@ -196,16 +196,24 @@ void sendBytesToMany(ENetPeer* const* peers, std::size_t count, std::uint8_t cha
     if (packet->referenceCount == 0) enet_packet_destroy(packet);
 }
 
-void sendToSeated(const SeatPeers& seats, std::uint8_t channel, ByteView bytes, const ENetPeer* except) {
-    ENetPeer* targets[kSlotCount];
+void sendToAudience(const Audience& audience, std::uint8_t channel, ByteView bytes, const ENetPeer* except) {
+    ENetPeer* targets[kSlotCount + kMaxSpectatorsPerRoom];
     std::size_t n = 0;
-    for (ENetPeer* peer : seats)
+    for (ENetPeer* peer : audience.players)
         if (peer != nullptr && peer != except) targets[n++] = peer;
+    for (ENetPeer* peer : audience.spectators) {
+        if (n == std::size(targets)) break;
+        if (peer != except) targets[n++] = peer;
+    }
     sendBytesToMany(targets, n, channel, bytes);
 }
 
-void sendTextToSeated(const SeatPeers& seats, const std::string& text) {
-    sendToSeated(seats, kTextChannel, encode(Text{text}));
+void sendToPlayers(const Audience& audience, std::uint8_t channel, ByteView bytes, const ENetPeer* except) {
+    sendToAudience(Audience{audience.players, {}}, channel, bytes, except);
+}
+
+void sendTextToPlayers(const Audience& audience, const std::string& text) {
+    sendToPlayers(audience, kTextChannel, encode(Text{text}));
 }
 
 PeerInfo makePeerInfo(const ENetAddress& address) {

@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <span>
 #include <string>
 #include <vector>
 
@@ -68,13 +69,25 @@ private:
 // The same bytes to several peers: one reference-counted ENet packet.
 void sendBytesToMany(ENetPeer* const* peers, std::size_t count, std::uint8_t channel, ByteView bytes);
 
-// The peer in each slot of a room (nullptr: nobody connected there).
-using SeatPeers = std::array<ENetPeer*, kSlotCount>;
+// Spectators one room may have at most: what a send to a room's audience
+// gathers on the stack.
+inline constexpr std::size_t kMaxSpectatorsPerRoom = 64;
 
-// The bytes, as one shared packet, to every seat that holds a peer (except
-// one peer, when given), in slot order.
-void sendToSeated(const SeatPeers& seats, std::uint8_t channel, ByteView bytes, const ENetPeer* except = nullptr);
-void sendTextToSeated(const SeatPeers& seats, const std::string& text);
+// Who a room's messages reach: each slot's player by its connection, in slot
+// order (nullptr: nobody there, a player away, or one still reading the
+// match's stream), then the spectators that watch the match live.
+struct Audience {
+    std::array<ENetPeer*, kSlotCount> players{};
+    std::span<ENetPeer* const> spectators{};
+};
+
+// The bytes, as one shared packet, to the players and then the spectators
+// (except one peer, when given).
+void sendToAudience(const Audience& audience, std::uint8_t channel, ByteView bytes, const ENetPeer* except = nullptr);
+// The bytes to the players alone: what belongs to the room rather than to
+// its match.
+void sendToPlayers(const Audience& audience, std::uint8_t channel, ByteView bytes, const ENetPeer* except = nullptr);
+void sendTextToPlayers(const Audience& audience, const std::string& text);
 
 // The address of a registered peer, hung on the ENet peer's data field, and
 // the number of its connection (ENet reuses its peer records).

@@ -82,7 +82,7 @@ TEST(Docs, ProtocolNamesEveryMessageOfTheDispatchTable) {
     ASSERT_NE(begin, std::string::npos);
     const std::string table = source.substr(begin, source.find("};", begin) - begin);
     // A route names its message by its type (`CreateRoom::kType`) or, on a
-    // channel without type words, by the record it decodes (`seated<Order, ...`).
+    // channel without type words, by the record it decodes (`fromPlayer<Order, ...`).
     std::set<std::string> messages;
     const std::regex route(R"(\{k\w+Channel, (?:(\w+)::kType|kWholeChannel), (?:\w+<(\w+),)?)");
     for (std::sregex_iterator it(table.begin(), table.end(), route), end; it != end; ++it)

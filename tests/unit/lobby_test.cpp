@@ -1,5 +1,5 @@
 // The lobby through the dispatch table: the message sequences of creating,
-// joining, leaving, kicking and starting, and the seat index under all of
+// joining, leaving, kicking and starting, and the place index under all of
 // them (the harness checks the index against the rooms after every event).
 
 #include <gtest/gtest.h>
@@ -39,7 +39,7 @@ TEST(Lobby, CreateThenJoinSendEachViewInOrder) {
     for (std::uint32_t i = 3; i < 8; ++i) joined.push_back({1, 0, slotState(i)});
     joined = joined + toEach({0, 1}, 0, fresh(2)) + toEach({1}, 0, h.room(1).settings.bytes);
     EXPECT_EQ(h.takeSent(), joined);
-    EXPECT_EQ(seatOf(h.server.rooms, h.peer(1))->slot, 2u);
+    EXPECT_EQ(placeOf(h.server.rooms, h.peer(1))->slot, 2u);
 
     // A second create or join from inside a room changes nothing.
     h.lobby(1, CreateRoom{1, "x", "d", 1});
@@ -72,7 +72,7 @@ TEST(Lobby, HostLeavesThenKickThenDisconnectThenTheEmptyRoomGoes) {
                                 toEach({1}, 0, encode(HostStatus{1, 1})) +
                                 toEach({1, 2}, 0, encode(setupOf(1, 0, "P1"))));
     EXPECT_EQ(room.hostSlot, 1u);
-    EXPECT_EQ(seatOf(h.server.rooms, h.peer(0)), nullptr);
+    EXPECT_EQ(placeOf(h.server.rooms, h.peer(0)), nullptr);
 
     h.lobby(2, Kick{1, 1});  // only the host may kick
     EXPECT_TRUE(h.takeSent().empty());
@@ -81,7 +81,7 @@ TEST(Lobby, HostLeavesThenKickThenDisconnectThenTheEmptyRoomGoes) {
                                 toEach({1}, 0, fresh(2)) + toEach({1}, 0, slotState(2)));
     h.takeLogs();
     h.disconnect(1);
-    EXPECT_EQ(h.server.rooms.seats.size(), 0u);
+    EXPECT_EQ(h.server.rooms.places.size(), 0u);
     h.step();
     EXPECT_TRUE(h.server.rooms.byId.empty());
     EXPECT_EQ(h.takeLogs(), (std::vector<std::string>{"Left room 1 Peers in room: 0", "Disconnected 10.0.0.2:5001",
@@ -187,7 +187,7 @@ TEST(Lobby, StartRefusedThenStartedConfirmedAndRunning) {
     h.takeSent();
     h.step();
     ASSERT_EQ(room.slots[1].peer, h.peer(2));
-    EXPECT_EQ(seatOf(h.server.rooms, h.peer(2))->slot, 1u);
+    EXPECT_EQ(placeOf(h.server.rooms, h.peer(2))->slot, 1u);
     // Three records that chose nothing on a fresh generator: tags 1, 3 and 4,
     // locations 1, 3 and 8.
     Bytes p0 = encode(setupOf(0, 1, "P0", 1, 1)), p2 = encode(setupOf(2, 1, "P2", 3, 3));

@@ -53,7 +53,7 @@ TEST(PrivateRooms, ALockedRoomLetsInTheRightPasswordOnly) {
     EXPECT_EQ(h.takeSent(), (std::vector<Sent>{{1, kTextChannel, encode(Text{"Cannot join: room is already full!"})}}));
     h.lobby(2, JoinPrivateRoom{1, 1, "open sesame"});
     EXPECT_TRUE(joined(h.takeSent(), 2));
-    EXPECT_EQ(seatOf(h.server.rooms, h.peer(2))->slot, 1u);
+    EXPECT_EQ(placeOf(h.server.rooms, h.peer(2))->slot, 1u);
 
     // The password is nowhere but in its hash.
     const Room& room = h.room(1);
