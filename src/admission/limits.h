@@ -121,6 +121,19 @@ struct Limits {
     std::uint64_t recordingsMaxBytes = 8 * 1024 * kMiB;
     std::uint64_t recordingPendingBytes = 8 * kMiB;
 
+    // Rejoin and spectators (--rejoin, --spectators). A snapshot of a game's
+    // state is asked of another player and waited for a few seconds; games
+    // of this kind hold their state in a few MiB at most. Streams read back
+    // hold a run of 64 KiB each: the bound in flight lets 256 run at once,
+    // and what ENet may hold for a receiver keeps a loopback stream at full
+    // speed. A player rejoining after a drop presents its token once or
+    // twice; ten wrong ones a minute from one address is guessing.
+    std::uint64_t snapshotWaitMs = 5000;
+    std::uint64_t snapshotMaxBytes = 4 * kMiB;
+    std::uint64_t catchupBytesInFlight = 16 * kMiB;
+    std::uint64_t catchupQueueBytes = 256 * 1024;
+    std::uint64_t rejoinFailuresPerAddressPerMinute = 10;
+
     // Connections: a household or an internet café shares one address, but
     // not 64 players; a client reconnecting in a loop connects a few times a
     // minute.

@@ -97,7 +97,7 @@ template <typename M, void (*Handle)(const Incoming&, const Place&, M&),
           std::optional<M> (*Decode)(ByteView) = &decode<M>>
 void fromPlayer(const Incoming& in) {
     const Place* place = placeOf(in.server.rooms, in.peer);
-    if (place == nullptr) return;
+    if (place == nullptr) return dropSpectatorOrder(in.server.rooms, in.peer);
     std::optional<M> m = Decode(in.packet);
     if (!m) return malformed(in, M::kName);
     Handle(in, *place, *m);
@@ -171,6 +171,14 @@ void onExtensionsHello(const Incoming& in, ExtensionsHello& m) {
             }
     sendBytes(in.peer, kLobbyChannel, encode(granted));
 }
+
+// ---- Rejoin and spectators ----
+void onRejoin(const Incoming& in, Rejoin& m) {
+    if (!refusedByDrain(in.server, in.peer)) rejoin(in.server.rooms, in.peer, m, in.now);
+}
+void onCaughtUp(const Incoming& in, CaughtUp&) { caughtUp(in.server.rooms, in.peer); }
+void onStateSnapshot(const Incoming& in, StateSnapshot& m) { receiveSnapshot(in.server.rooms, in.peer, m); }
+void onSpectate(const Incoming& in, Spectate& m) { spectate(in.server.rooms, in.peer, m, in.now); }
 
 // ---- Private rooms ----
 void onCreatePrivateRoom(const Incoming& in, CreatePrivateRoom& m) {
@@ -326,6 +334,10 @@ constexpr Route kRoutes[] = {
     {kLobbyChannel, JoinPrivateRoom::kType, granted<JoinPrivateRoom, onJoinPrivateRoom, kFeaturePrivateRooms>},
     {kLobbyChannel, SetRoomPassword::kType, granted<SetRoomPassword, onSetRoomPassword, kFeaturePrivateRooms>},
     {kLobbyChannel, KickAndBan::kType, granted<KickAndBan, onKickAndBan, kFeaturePrivateRooms>},
+    {kLobbyChannel, Rejoin::kType, granted<Rejoin, onRejoin, kFeatureRejoin>},
+    {kLobbyChannel, CaughtUp::kType, granted<CaughtUp, onCaughtUp, kFeatureRejoin>},
+    {kLobbyChannel, StateSnapshot::kType, granted<StateSnapshot, onStateSnapshot, kFeatureSnapshots>},
+    {kLobbyChannel, Spectate::kType, granted<Spectate, onSpectate, kFeatureSpectate>},
     {kMatchControlChannel, LeaveMatch::kType, decoded<LeaveMatch, onLeaveMatch>},
     {kMatchControlChannel, DelayHold::kType, fromPlayer<DelayHold, onDelayHold>},
     {kMatchControlChannel, DelayRequest::kType, fromPlayer<DelayRequest, onDelayRequest>},

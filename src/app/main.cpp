@@ -183,6 +183,19 @@ int main(int argc, char** argv) {
     server->limitsFileNamed = options.limitsFile.has_value();
     if (options.recordDirectory) server->recordings.directory = *options.recordDirectory;
     if (options.privateRooms) server->features |= kFeaturePrivateRooms;
+    if (options.rejoinSeconds != 0) server->features |= kFeatureRejoin | kFeatureSnapshots;
+    if (options.spectators != 0) server->features |= kFeatureSpectate;
+    server->rooms.access.awayMicros = std::uint64_t{options.rejoinSeconds} * 1'000'000;
+    server->rooms.access.spectatorsPerRoom = options.spectators;
+    server->rooms.access.spectatorDelaySteps = options.spectatorDelaySteps;
+    // Rejoin and spectators read the match back from its recording: without
+    // --record, matches are recorded anyway, in a directory of the server's
+    // own, and each file goes when its match ends.
+    const bool streams = options.rejoinSeconds != 0 || options.spectators != 0;
+    if (streams && !options.recordDirectory) {
+        server->recordings.directory = dataRootPrefix() + "server_data/streams";
+        server->recordings.temporary = true;
+    }
     server->drain.seconds = options.drainSeconds;
     if (options.drainSeconds != 0) drainOnTerminate();
     if (!startServer(*server)) {
@@ -198,6 +211,7 @@ int main(int argc, char** argv) {
     loadBans(*server);
     server->storage.onDone = [&inbox = server->inbox] { inbox.wakeup().signal(); };
     server->storage.start();
+    if (server->recordings.temporary) clearTemporaryRecordings(server->storage, server->recordings.directory);
     wakeOnSignals(server->inbox.wakeup().fd());
     beginConsoleKeys();
     notifyReady();

@@ -5,6 +5,8 @@
 
 #include <CLI/CLI.hpp>
 
+#include "protocol/send.h"
+
 bool parseHostPort(const std::string& text, std::string& host, std::uint16_t& port) {
     auto colon = text.rfind(':');
     if (colon == std::string::npos || colon == 0 || colon + 1 == text.size()) return false;
@@ -35,6 +37,19 @@ int parseOptions(int argc, char** argv, Options& options) {
         ->type_name("DIR");
     app.add_flag("--private-rooms", options.privateRooms,
                  "Grant clients that ask for it rooms with passwords, hidden rooms and bans from a room");
+    app.add_option("--rejoin", options.rejoinSeconds,
+                   "Keep the seat of a player whose connection drops for SECONDS, in rooms where every player asked "
+                   "for rejoin, and send it the match so far when it comes back (off by default)")
+        ->type_name("SECONDS")
+        ->check(CLI::Range(1u, 3600u));
+    app.add_option("--spectators", options.spectators,
+                   "Let up to N clients that ask for it watch each running match (off by default)")
+        ->type_name("N")
+        ->check(CLI::Range(1u, static_cast<unsigned>(kMaxSpectatorsPerRoom)));
+    app.add_option("--spectator-delay", options.spectatorDelaySteps,
+                   "Send spectators the match STEPS steps behind the players (default 0: live)")
+        ->type_name("STEPS")
+        ->check(CLI::Range(0u, 72000u));
     app.add_option("--drain", options.drainSeconds,
                    "SIGTERM (or the key q) drains: no new games, running ones get up to SECONDS to end, then the "
                    "server stops (off by default: SIGTERM stops at once)")

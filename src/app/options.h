@@ -14,6 +14,11 @@ struct Options {
     // Where every match that starts is recorded (absolute).
     std::optional<std::string> recordDirectory;
     bool privateRooms = false;
+    // --rejoin: how long a dropped player's seat waits (0: off).
+    std::uint32_t rejoinSeconds = 0;
+    // --spectators per room (0: off) and --spectator-delay in steps.
+    std::uint32_t spectators = 0;
+    std::uint32_t spectatorDelaySteps = 0;
     // --drain: 0 when SIGTERM stops at once.
     std::uint32_t drainSeconds = 0;
     // --agones and --agones-health.

@@ -77,6 +77,7 @@ bool startServer(Server& server) {
     server.statisticsEnabled = config.statisticsEnabled;
     server.rooms.nextRoomId = 1;
     server.rooms.recordings = &server.recordings;
+    server.rooms.storage = &server.storage;
     server.recordings.serverVersion = LOCKSTEP_VERSION;
 
     ENetAddress address;
@@ -135,6 +136,12 @@ void applyLimits(Server& server) {
     server.recordings.limits.maxFileBytes = l.recordingMaxBytes;
     server.recordings.limits.maxDirectoryBytes = l.recordingsMaxBytes;
     server.recordings.limits.maxPendingBytes = l.recordingPendingBytes;
+    MatchAccess& access = server.rooms.access;
+    access.snapshotWaitMicros = l.snapshotWaitMs * 1000;
+    access.snapshotMaxBytes = l.snapshotMaxBytes;
+    access.failuresPerAddress = static_cast<std::uint32_t>(l.rejoinFailuresPerAddressPerMinute);
+    server.rooms.catchUps.limits.bytesInFlight = l.catchupBytesInFlight;
+    server.rooms.catchUps.limits.queueBytes = l.catchupQueueBytes;
     Storage::Shares shares;
     shares.jobsPerPeer = l.workerJobsPerPeer;
     shares.bytesPerPeer = l.workerBytesPerPeer;

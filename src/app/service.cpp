@@ -25,6 +25,7 @@ void runRoomWork(Server& server) {
         if (server.statisticsEnabled && deleted->running) recordFinishedGame(server.statistics, *deleted);
     }
     checkRoomStarts(server.rooms);
+    releaseExpiredSeats(server.rooms, steadyMicros());
     for (auto& [id, room] : server.rooms.byId)
         if (room->running) adaptOrderDelay(room->match, audienceOf(*room));
 }
@@ -96,6 +97,7 @@ bool serviceStep(Server& server) {
     server.storage.poll();
     server.inbox.run();
     pumpDownloads(server.storage, server.downloads);
+    turnStreams(server.rooms, steadyMicros());
     if (due(clocks.stallCheck, 250'000))
         for (ENetPeer* peer : checkDownloads(server.downloads, steadyMicros())) {
             countLimit(LimitFired::downloadStall);

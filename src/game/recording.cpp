@@ -46,7 +46,8 @@ void pruneDirectory(const std::string& directory, const std::string& keep, std::
 bool appendBatch(RecordingFile& file, const Bytes& batch) {
     if (file.fd < 0) {
         if (!prepareFilePath(file.path)) return false;
-        file.fd = ::open(file.path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
+        // Read back too, on this same thread, by the streams that catch up.
+        file.fd = ::open(file.path.c_str(), O_RDWR | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
         if (file.fd < 0) return false;
     }
     std::size_t done = 0;
@@ -81,7 +82,8 @@ std::unique_ptr<Recording> beginRecording(Recordings& recordings, const Recordin
     r->startMicros = nowMicros;
     r->file = std::make_shared<RecordingFile>();
     r->file->directory = recordings.directory;
-    r->file->maxDirectoryBytes = recordings.limits.maxDirectoryBytes;
+    r->file->maxDirectoryBytes = recordings.temporary ? 0 : recordings.limits.maxDirectoryBytes;
+    r->file->temporary = recordings.temporary;
     recordings.begun += 1;
     r->file->path = recordings.directory + "/" + std::to_string(header.startUnix) + "-" +
                     std::to_string(recordings.begun) + "-room" + std::to_string(header.roomId) + ".rec";
@@ -127,6 +129,7 @@ void flushRecording(Storage& storage, std::unique_ptr<Recording>& recording) {
             return [file, ok, size] {
                 file->inWorker -= size;
                 if (ok) {
+                    file->durable += size;
                     metrics().recordingBytes.fetch_add(size, std::memory_order_relaxed);
                 } else if (!file->failed) {
                     file->failed = true;
@@ -151,15 +154,19 @@ void endRecording(Storage& storage, std::unique_ptr<Recording>& recording, std::
     const bool whole = !r.stopped;
     flushRecording(storage, recording);
     std::shared_ptr<RecordingFile> file = r.file;
-    storage.submit([file]() -> Storage::Completion {
+    file->ended = true;
+    const bool remove = file->temporary && file->readers == 0;
+    if (file->temporary && !remove) file->removeWhenUnread = true;
+    storage.submit([file, remove]() -> Storage::Completion {
         // Synced once, at the end: a crash loses at most the last batches,
         // and the reader stops at the last whole record.
         bool ok = true;
         if (file->fd >= 0) {
-            ok = fsync(file->fd) == 0;
+            ok = remove || fsync(file->fd) == 0;
             ok = ::close(file->fd) == 0 && ok;
         }
         file->fd = -1;
+        if (remove) ::unlink(file->path.c_str());
         return [file, ok] {
             if (!ok && !file->failed) {
                 file->failed = true;
@@ -169,4 +176,43 @@ void endRecording(Storage& storage, std::unique_ptr<Recording>& recording, std::
     });
     if (whole) metrics().recordingsWritten.fetch_add(1, std::memory_order_relaxed);
     recording.reset();
+}
+
+bool streamIntact(const Recording& recording) { return !recording.stopped && !recording.file->failed; }
+
+void releaseRecordingFile(Storage& storage, const std::shared_ptr<RecordingFile>& file) {
+    if (file->readers > 0) --file->readers;
+    if (file->readers != 0 || !file->removeWhenUnread) return;
+    file->removeWhenUnread = false;
+    storage.submit([file]() -> Storage::Completion {
+        ::unlink(file->path.c_str());
+        return {};
+    });
+}
+
+Bytes readRecordingFile(RecordingFile& file, std::uint64_t offset, std::size_t size) {
+    int fd = file.fd;
+    const bool own = fd < 0;
+    if (own) fd = ::open(file.path.c_str(), O_RDONLY | O_CLOEXEC);
+    if (fd < 0) return {};
+    Bytes data(size);
+    std::size_t done = 0;
+    while (done < size) {
+        const ssize_t n = ::pread(fd, data.data() + done, size - done, static_cast<off_t>(offset + done));
+        if (n < 0 && errno == EINTR) continue;
+        if (n <= 0) break;
+        done += static_cast<std::size_t>(n);
+    }
+    if (own) ::close(fd);
+    data.resize(done);
+    return data;
+}
+
+void clearTemporaryRecordings(Storage& storage, const std::string& directory) {
+    storage.submit([directory]() -> Storage::Completion {
+        std::error_code ec;
+        for (fs::directory_iterator it(directory, ec), end; !ec && it != end; it.increment(ec))
+            if (it->path().extension() == ".rec") fs::remove(it->path(), ec);
+        return {};
+    });
 }

@@ -31,6 +31,10 @@ struct RecordingLimits {
 // Where the server's recordings go; an empty directory records nothing.
 struct Recordings {
     std::string directory;
+    // Kept only while their match runs (and while a spectator still reads
+    // one): the recordings that rejoin and spectators need when the
+    // operator asked for none.
+    bool temporary = false;
     RecordingLimits limits;
     std::string serverVersion;
     // Recordings begun, for their file names.
@@ -46,7 +50,17 @@ struct RecordingFile {
     bool pruned = false;
     // Handed to the worker and not yet written (the loop's only).
     std::uint64_t inWorker = 0;
+    // Written, as far as the loop knows: what a reader may ask the worker for
+    // (the loop's only).
+    std::uint64_t durable = 0;
     bool failed = false;
+    // The end record is among the bytes handed over, and nothing follows it.
+    bool ended = false;
+    bool temporary = false;
+    // Streams still reading the file (the loop's only): a temporary file
+    // ended while one does is removed when the last one lets go.
+    std::uint32_t readers = 0;
+    bool removeWhenUnread = false;
 };
 
 struct Recording {
@@ -69,6 +83,15 @@ std::unique_ptr<Recording> beginRecording(Recordings& recordings, const Recordin
 void record(std::unique_ptr<Recording>& recording, RecordType type, ByteView payload);
 // Hands the pending records to the storage worker.
 void flushRecording(Storage& storage, std::unique_ptr<Recording>& recording);
+// Whether the stream of the match can still be read whole from its recording.
+bool streamIntact(const Recording& recording);
+// A reader of the file lets go of it (a temporary one may go with it).
+void releaseRecordingFile(Storage& storage, const std::shared_ptr<RecordingFile>& file);
+// Worker side: up to size bytes of the file from offset (fewer at its end);
+// empty when it cannot be read.
+Bytes readRecordingFile(RecordingFile& file, std::uint64_t offset, std::size_t size);
+// Removes the temporary recordings a stopped server left behind.
+void clearTemporaryRecordings(Storage& storage, const std::string& directory);
 // The end record (why: 0 every player gone, 1 the server stopped), the last
 // flush and the file closed; the match keeps no recording after it.
 void endRecording(Storage& storage, std::unique_ptr<Recording>& recording, std::uint32_t why,

@@ -6,14 +6,22 @@
 void handleOrder(Match& match, const MatchView& view, std::uint32_t senderSlot, const Order& order,
                  ByteView packet) {
     if (order.step > match.resyncStep) return;
+    // A player back from a lost connection is sent the relay before steps
+    // wait for it again: until it says it caught up, its reports of steps
+    // and checksums are not its game's present, and until it is sent the
+    // relay, nothing it orders is either.
+    const bool counted = view.counted[senderSlot];
     if (order.orderType == kChecksumOrderType) {
+        if (!counted) return;
         if (match.recording)
             record(match.recording, RecordType::checksum, Writer(12).u32(order.step).u32(senderSlot).u32(order.argument).take());
         handleChecksum(match, view, senderSlot, order.step, order.argument);
     } else if (isStepDoneOrder(order)) {
+        if (!counted) return;
         // The slot the order names, which need not be the sender's.
         markStepDone(match, view, static_cast<std::int32_t>(order.argument), order.step);
     } else {
+        if (view.audience.players[senderSlot] == nullptr) return;
         // The bytes as they came, never re-encoded.
         sendToAudience(view.audience, kOrderChannel, packet, view.audience.players[senderSlot]);
         if (match.recording)

@@ -51,6 +51,18 @@ void joinRoom(RoomRegistry& rooms, ENetPeer* peer, std::uint32_t roomId);
 // A join with a password; a refusal is answered with JoinRefused.
 void joinPrivateRoom(RoomRegistry& rooms, ENetPeer* peer, std::uint32_t roomId, const std::string& password);
 
+// What a room's lock (password, hidden, bans) says of a peer that would come
+// in: with a refusal, why, in JoinRefused's terms and in the texts a client
+// that knows no private rooms understands. Failed password checks count
+// against the room's and the peer's allowance.
+struct LockVerdict {
+    bool ok = true;
+    JoinRefusal reason{};
+    const char* legacyText = "";
+    std::string text;
+};
+LockVerdict passLock(RoomRegistry& rooms, Room& room, ENetPeer* peer, const std::string* password);
+
 // ---- Private rooms (private.cpp) ----
 void createPrivateRoom(RoomRegistry& rooms, ENetPeer* peer, const CreatePrivateRoom& request);
 // From the host: the password (empty: none) and whether the room is hidden.
@@ -72,6 +84,43 @@ void updatePlayerSetup(RoomRegistry& rooms, ENetPeer* peer, PlayerSetup setup);
 std::unique_ptr<PlayerSetup> freshPlayerSetup(std::uint32_t slot);
 // Re-encodes a record the server changed; its second header word becomes 1.
 void rebuildPlayerSetup(PlayerSetup& setup);
+
+// ---- Rejoin (rejoin.cpp) ----
+// At the start of a match where every player was granted rejoin (and
+// rejoin is on): the room keeps a dropped player's seat, and each player
+// gets the token of its own.
+void handOutRejoinTickets(RoomRegistry& rooms, Room& room);
+// A player of such a room lost its connection: its seat waits for it.
+void keepSeat(RoomRegistry& rooms, Room& room, std::uint32_t slot);
+// A new connection presents a token; a refusal costs it nothing but a
+// reply, one log line and a try of its address's allowance.
+void rejoin(RoomRegistry& rooms, ENetPeer* peer, const Rejoin& request, std::uint64_t nowMicros);
+// The rejoined player ran through the stream: steps wait for it again.
+void caughtUp(RoomRegistry& rooms, ENetPeer* peer);
+void receiveSnapshot(RoomRegistry& rooms, ENetPeer* peer, const StateSnapshot& snapshot);
+// No snapshot is coming for the slot: its stream starts from the start.
+void giveUpSnapshot(Room& room, std::uint32_t slot);
+// Room work: seats that waited too long are released as a leave is.
+void releaseExpiredSeats(RoomRegistry& rooms, std::uint64_t nowMicros);
+// Takes a player or spectator's place out of the room as a leave does, the
+// seat of an away player included (vacate = release).
+void vacateSlot(RoomRegistry& rooms, Room& room, std::uint32_t slot, bool disconnected);
+
+// ---- Spectators and streams (spectators.cpp) ----
+bool isWatching(const RoomRegistry& rooms, const ENetPeer* peer);
+void spectate(RoomRegistry& rooms, ENetPeer* peer, const Spectate& request, std::uint64_t nowMicros);
+// A spectator leaves (LeaveRoom, LeaveMatch, or its connection is gone);
+// false when the peer watches nothing.
+bool stopWatching(RoomRegistry& rooms, ENetPeer* peer);
+// What a spectator sent to the match: dropped, with one line per spectator.
+void dropSpectatorOrder(RoomRegistry& rooms, ENetPeer* peer);
+// The room is going: its spectators are told; delayed streams read on.
+void endSpectating(RoomRegistry& rooms, Room& room);
+// Ends a stream and forgets it (a null one is left alone).
+void stopFeed(RoomRegistry& rooms, std::shared_ptr<Feed>& feed);
+// Every loop turn while streams are sent: each gets its turn, and snapshots
+// that did not come in time are given up.
+void turnStreams(RoomRegistry& rooms, std::uint64_t nowMicros);
 
 // ---- Start (start.cpp) ----
 void requestStart(RoomRegistry& rooms, ENetPeer* peer);

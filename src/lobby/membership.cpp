@@ -104,41 +104,49 @@ void countFailure(RoomLock& lock, std::uint64_t connection) {
     lock.failuresByPeer[connection].count += 1;
 }
 
+}  // namespace
+
+LockVerdict passLock(RoomRegistry& rooms, Room& room, ENetPeer* peer, const std::string* password) {
+    RoomLock& lock = room.lock;
+    if (!lock.hasPassword && !lock.hidden && lock.bannedAddresses.empty()) return {};
+    // A hidden room answers every refusal as a missing one would, so that
+    // nobody learns its ID by trying.
+    const bool hidden = lock.hidden;
+    const LockVerdict missing{false, JoinRefusal::noRoom, kNoRoom, kNoRoom};
+    if (lock.bannedAddresses.count(peer->address.host) != 0)
+        return hidden ? missing : LockVerdict{false, JoinRefusal::banned, kFull, "Cannot join: you may not join this room!"};
+    const std::uint64_t connection = refOf(peer).connection, now = steadyMicros();
+    if (lock.hasPassword || hidden) {
+        if (!mayTry(rooms, lock, connection, now)) {
+            if (!lock.refusalLogged || now - lock.refusalLineMicros >= 60'000'000) {
+                lock.refusalLogged = true;
+                lock.refusalLineMicros = now;
+                logError("|||| Room " + std::to_string(room.id) + ": too many failed joins; joins refused "
+                         "unchecked for a while (last from " + peerAddressText(peer) + ")");
+            }
+            return hidden ? missing
+                          : LockVerdict{false, JoinRefusal::tooManyAttempts, kFull,
+                                        "Cannot join: too many failed attempts. Try again in a minute."};
+        }
+        if (password == nullptr ? lock.hasPassword || hidden : !passwordMatches(lock, *password)) {
+            countFailure(lock, connection);
+            return hidden ? missing : LockVerdict{false, JoinRefusal::wrongPassword, kFull, "Cannot join: wrong password!"};
+        }
+    }
+    return {};
+}
+
+namespace {
+
 void admit(RoomRegistry& rooms, ENetPeer* peer, std::uint32_t roomId, const std::string* password) {
-    if (roomOf(rooms, peer) != nullptr) return;
+    if (roomOf(rooms, peer) != nullptr || isWatching(rooms, peer)) return;
     const JoinReply reply{peer, roomId, password != nullptr};
 
     Room* found = findRoom(rooms, roomId);
     if (found == nullptr) return reply.refuse(JoinRefusal::noRoom, kNoRoom, kNoRoom);
     Room& room = *found;
-    RoomLock& lock = room.lock;
-    if (lock.hasPassword || lock.hidden || !lock.bannedAddresses.empty()) {
-        // A hidden room answers every refusal as a missing one would, so that
-        // nobody learns its ID by trying.
-        const bool hidden = lock.hidden;
-        if (lock.bannedAddresses.count(peer->address.host) != 0)
-            return hidden ? reply.refuse(JoinRefusal::noRoom, kNoRoom, kNoRoom)
-                          : reply.refuse(JoinRefusal::banned, kFull, "Cannot join: you may not join this room!");
-        const std::uint64_t connection = refOf(peer).connection, now = steadyMicros();
-        if (lock.hasPassword || hidden) {
-            if (!mayTry(rooms, lock, connection, now)) {
-                if (!lock.refusalLogged || now - lock.refusalLineMicros >= 60'000'000) {
-                    lock.refusalLogged = true;
-                    lock.refusalLineMicros = now;
-                    logError("|||| Room " + std::to_string(room.id) + ": too many failed joins; joins refused "
-                             "unchecked for a while (last from " + peerAddressText(peer) + ")");
-                }
-                return hidden ? reply.refuse(JoinRefusal::noRoom, kNoRoom, kNoRoom)
-                              : reply.refuse(JoinRefusal::tooManyAttempts, kFull,
-                                             "Cannot join: too many failed attempts. Try again in a minute.");
-            }
-            if (password == nullptr ? lock.hasPassword || hidden : !passwordMatches(lock, *password)) {
-                countFailure(lock, connection);
-                return hidden ? reply.refuse(JoinRefusal::noRoom, kNoRoom, kNoRoom)
-                              : reply.refuse(JoinRefusal::wrongPassword, kFull, "Cannot join: wrong password!");
-            }
-        }
-    }
+    if (const LockVerdict lock = passLock(rooms, room, peer, password); !lock.ok)
+        return reply.refuse(lock.reason, lock.legacyText, lock.text);
     if (!room.open)
         return reply.refuse(JoinRefusal::started, "Cannot join: game has already started!",
                             "Cannot join: game has already started!");
@@ -174,10 +182,17 @@ void joinPrivateRoom(RoomRegistry& rooms, ENetPeer* peer, std::uint32_t roomId, 
 }
 
 void leaveRoom(RoomRegistry& rooms, ENetPeer* peer, bool disconnected) {
+    if (stopWatching(rooms, peer)) return;
     const Place* place = placeOf(rooms, peer);
     if (place == nullptr) return;
     Room& room = *place->room;
-    const std::uint32_t index = place->slot;
+    // Only a lost connection keeps the seat: a player that leaves, or is
+    // kicked, is gone.
+    if (disconnected && room.running && room.rejoinable) return keepSeat(rooms, room, place->slot);
+    vacateSlot(rooms, room, place->slot, disconnected);
+}
+
+void vacateSlot(RoomRegistry& rooms, Room& room, std::uint32_t index, bool disconnected) {
     Slot& slot = room.slots[index];
 
     if (room.running) {
@@ -195,8 +210,12 @@ void leaveRoom(RoomRegistry& rooms, ENetPeer* peer, bool disconnected) {
         sendTextToRoom(room, name + (disconnected ? " has been disconnected from server" : " has left the game"));
     }
 
-    leaveSlot(rooms, room, index);
+    stopFeed(rooms, slot.feed);
+    if (slot.peer != nullptr) leaveSlot(rooms, room, index);
     slot.info.reset();
+    slot.state = PlayerState::connected;
+    slot.token = {};
+    slot.snapshotRequest = 0;
 
     sendToHumans(room, kLobbyChannel, freshPlayerSetup(index)->bytes);
     logMessage(roomCountLine("Left room ", room));

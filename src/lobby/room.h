@@ -18,6 +18,7 @@
 
 #include <enet/enet.h>
 
+#include "game/catchup.h"
 #include "game/match.h"
 #include "platform/secrets.h"
 #include "protocol/messages.h"
@@ -36,6 +37,16 @@ struct Slot {
     ENetPeer* peer = nullptr;            // a human's connection (null while away)
     std::unique_ptr<PlayerSetup> info;  // nobody in the slot when null
     PlayerState state = PlayerState::connected;
+    // In a room where a drop is not a leave: what brings the player back
+    // (never logged), and until when its seat waits while it is away.
+    RejoinToken token{};
+    std::uint64_t awayUntilMicros = 0;
+    // Back, and being sent the stream; and the snapshot asked for it, if
+    // any (request 0: none).
+    std::shared_ptr<Feed> feed;
+    std::uint32_t snapshotRequest = 0;
+    PeerRef snapshotFrom;
+    std::uint64_t snapshotDeadlineMicros = 0;
 };
 
 // Failed joins counted over a minute.
@@ -84,6 +95,8 @@ struct Room {
     SlotFlags confirmed{};
     SlotFlags closed{};
     std::uint32_t hostSlot = 0;
+    // Every player of the match was granted rejoin: a drop keeps the seat.
+    bool rejoinable = false;
     // Spectators that watch the match live, in the order they came.
     std::vector<ENetPeer*> spectators;
     Match match;
@@ -102,6 +115,30 @@ struct Place {
     std::uint32_t slot = 0;
 };
 
+// What rejoin and spectators allow (--rejoin, --spectators,
+// --spectator-delay and their limits).
+struct MatchAccess {
+    // How long an away player's seat waits; 0: a drop is a leave everywhere.
+    std::uint64_t awayMicros = 0;
+    std::uint32_t spectatorsPerRoom = 0;
+    std::uint32_t spectatorDelaySteps = 0;
+    // A snapshot asked for a rejoin: how long it is waited for
+    // (snapshot_wait_ms) and how large it may be (snapshot_max_bytes).
+    std::uint64_t snapshotWaitMicros = 5'000'000;
+    std::uint64_t snapshotMaxBytes = 4u * 1024 * 1024;
+    // Refused rejoins per address per minute (rejoin_failures_per_address_per_minute):
+    // past them, rejoins from the address are refused unchecked.
+    std::uint32_t failuresPerAddress = 10;
+};
+
+// A peer watching a match.
+struct Watcher {
+    std::uint32_t roomId = 0;
+    // While it is sent the stream; null once it watches live.
+    std::shared_ptr<Feed> feed;
+    bool orderLogged = false;
+};
+
 // Slot peers change only through takeSlot, leaveSlot and compactSlots, which
 // keep the index in step with the rooms.
 struct RoomRegistry {
@@ -115,6 +152,16 @@ struct RoomRegistry {
     // and per room (0: no bound); past them joins are refused unchecked.
     std::uint32_t joinFailuresPerPeer = 5;
     std::uint32_t joinFailuresPerRoom = 30;
+    // The worker that reads streams back and writes recordings.
+    Storage* storage = nullptr;
+    MatchAccess access;
+    CatchUps catchUps;
+    // Every stream being sent, to players back and to spectators.
+    std::vector<std::shared_ptr<Feed>> feeds;
+    std::unordered_map<const ENetPeer*, Watcher> watchers;
+    // Refused rejoins by address.
+    std::unordered_map<std::uint32_t, JoinFailures> rejoinFailures;
+    std::uint32_t nextSnapshotRequest = 1;
 };
 
 // The room and slot of a player's connection, or nullptr.

@@ -1,6 +1,8 @@
 // The room registry: creation, the room list, the host's settings, the text
 // relay and the removal of rooms nobody is in any more.
 
+#include <algorithm>
+
 #include "lobby/lobby.h"
 #include "log/log.h"
 
@@ -138,9 +140,16 @@ std::vector<ENetPeer*> textRecipients(const RoomRegistry& rooms, const std::set<
 
 std::unique_ptr<Room> deleteEmptyRoom(RoomRegistry& rooms) {
     auto it = rooms.byId.begin();
-    while (it != rooms.byId.end() && humanCount(*it->second) != 0) ++it;
+    // A seat that waits for its player keeps the room.
+    auto inUse = [](const Room& room) {
+        return humanCount(room) != 0 || std::any_of(room.slots.begin(), room.slots.end(), [](const Slot& s) {
+                   return s.state == PlayerState::away;
+               });
+    };
+    while (it != rooms.byId.end() && inUse(*it->second)) ++it;
     if (it == rooms.byId.end()) return nullptr;
     std::unique_ptr<Room> room = std::move(it->second);
+    endSpectating(rooms, *room);
     logMessage("Empty room \"" + printable(room->name) + "\" with ID " + std::to_string(room->id) + " deleted. ");
     rooms.byId.erase(it);
     logMessage("Total rooms: " + std::to_string(rooms.byId.size()));

@@ -85,6 +85,7 @@ void checkRunning(RoomRegistry& rooms, Room& room) {
         room.match.recording = beginRecording(*rooms.recordings, header, steadyMicros());
     }
     sendToHumans(room, kLobbyChannel, encode(StartGame{}));
+    handOutRejoinTickets(rooms, room);
 }
 
 void checkRoomStart(RoomRegistry& rooms, Room& room) {

@@ -139,6 +139,14 @@ std::string renderMetrics(std::int64_t nowUnix, std::uint64_t nowMicros) {
     family(out, "lockstep_recordings_lost_total", "counter",
            "Recordings stopped short: the disk fell behind, a cap was reached or a write failed.");
     sample(out, "lockstep_recordings_lost_total", m.recordingsLost.load());
+    family(out, "lockstep_rejoins_total", "counter", "Players back in their match after a lost connection (--rejoin).");
+    sample(out, "lockstep_rejoins_total", m.rejoins.load());
+    family(out, "lockstep_rejoins_refused_total", "counter",
+           "Rejoins refused: a wrong, spent or expired token, or over the guessing budget.");
+    sample(out, "lockstep_rejoins_refused_total", m.rejoinsRefused.load());
+    family(out, "lockstep_catchup_bytes_total", "counter",
+           "Bytes of matches' streams sent to rejoined players and spectators.");
+    sample(out, "lockstep_catchup_bytes_total", m.catchUpBytes.load());
     perChannel(out, "lockstep_messages_received_total", "Packets received, by channel.", m.messagesIn);
     perChannel(out, "lockstep_received_bytes_total", "Packet bytes received, by channel.", m.bytesIn);
     perChannel(out, "lockstep_messages_sent_total", "Packets sent (one per recipient), by channel.", m.messagesOut);

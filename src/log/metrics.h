@@ -61,6 +61,11 @@ struct MetricsCounters {
     std::atomic<std::uint64_t> recordingsWritten{0};
     std::atomic<std::uint64_t> recordingBytes{0};
     std::atomic<std::uint64_t> recordingsLost{0};
+    // Players back in their match (--rejoin), rejoins refused, and the
+    // stream's bytes sent to rejoined players and spectators.
+    std::atomic<std::uint64_t> rejoins{0};
+    std::atomic<std::uint64_t> rejoinsRefused{0};
+    std::atomic<std::uint64_t> catchUpBytes{0};
     // Published by the main loop from time to time.
     std::atomic<std::uint64_t> peersConnected{0};
     std::atomic<std::uint64_t> rooms{0};

@@ -36,3 +36,5 @@ PasswordHash saltedHash(const Salt& salt, std::string_view password) {
 }
 
 bool sameHash(const PasswordHash& a, const PasswordHash& b) { return sodium_memcmp(a.data(), b.data(), a.size()) == 0; }
+
+bool sameSecret(const std::uint8_t* a, const std::uint8_t* b, std::size_t size) { return sodium_memcmp(a, b, size) == 0; }

@@ -15,3 +15,5 @@ void randomBytes(void* out, std::size_t size);
 Salt randomSalt();
 PasswordHash saltedHash(const Salt& salt, std::string_view password);
 bool sameHash(const PasswordHash& a, const PasswordHash& b);
+// Compares two byte strings of the same size in constant time.
+bool sameSecret(const std::uint8_t* a, const std::uint8_t* b, std::size_t size);

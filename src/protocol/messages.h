@@ -256,12 +256,20 @@ struct ExtensionsGranted : ExtensionsHello {
 
 // The features a client may ask for, by name, and the bit each has in a
 // connection's grant.
-enum Feature : std::uint32_t { kFeaturePrivateRooms = 1u << 0 };
+enum Feature : std::uint32_t {
+    kFeaturePrivateRooms = 1u << 0,
+    kFeatureRejoin = 1u << 1,
+    kFeatureSpectate = 1u << 2,
+    kFeatureSnapshots = 1u << 3,
+};
 struct FeatureName {
     const char* name;
     std::uint32_t bit;
 };
-inline constexpr FeatureName kFeatureNames[] = {{"private-rooms", kFeaturePrivateRooms}};
+inline constexpr FeatureName kFeatureNames[] = {{"private-rooms", kFeaturePrivateRooms},
+                                                {"rejoin", kFeatureRejoin},
+                                                {"spectate", kFeatureSpectate},
+                                                {"snapshots", kFeatureSnapshots}};
 
 // ---- Private rooms (feature "private-rooms") ---------------------------------
 
@@ -323,6 +331,11 @@ enum class JoinRefusal : std::uint32_t {
     banned = 4,
     full = 5,
     started = 6,
+    // Rejoin and Spectate are refused with JoinRefused too.
+    badToken = 7,      // no away seat has that token: wrong, spent or expired
+    notRunning = 8,    // no running match to watch
+    noStream = 9,      // the match's stream is lost (its recording stopped)
+    spectatorsFull = 10,
 };
 
 // The answer to a JoinPrivateRoom that is not let in; a JoinAccepted and the
@@ -346,6 +359,161 @@ struct KickAndBan {
     template <typename F, typename M>
     static void fields(F& f, M& m) {
         f.u32(m.secondWord), f.u32(m.slot);
+    }
+};
+
+// ---- Rejoin, spectators and snapshots (features "rejoin", "spectate",
+// "snapshots") ----------------------------------------------------------------
+
+// A seat's token: 128 bits from the kernel's random source.
+inline constexpr std::size_t kRejoinTokenSize = 16;
+using RejoinToken = std::array<std::uint8_t, kRejoinTokenSize>;
+
+// To each player of a room where a drop is not a leave, at the start: what
+// brings it back to its slot after its connection is lost.
+struct RejoinTicket {
+    LOCKSTEP_MESSAGE(107, "RejoinTicket");
+    std::uint32_t roomId = 0;
+    std::uint32_t slot = 0;
+    ByteView token;  // kRejoinTokenSize bytes
+    template <typename F, typename M>
+    static void fields(F& f, M& m) {
+        f.u32(m.secondWord), f.u32(m.roomId), f.u32(m.slot), f.blob(m.token);
+        f.check([&] { return m.token.size() == kRejoinTokenSize; });
+    }
+};
+
+// From a new connection: the room and the token of the seat to take again.
+struct Rejoin {
+    LOCKSTEP_MESSAGE(108, "Rejoin");
+    std::uint32_t roomId = 0;
+    ByteView token;
+    template <typename F, typename M>
+    static void fields(F& f, M& m) {
+        f.u32(m.secondWord), f.u32(m.roomId), f.blob(m.token);
+        f.check([&] { return m.token.size() == kRejoinTokenSize; });
+    }
+};
+
+// On the match control channel, to the players of the room: the player of a
+// slot lost its connection and may come back, or came back.
+struct PlayerAway {
+    LOCKSTEP_MESSAGE(109, "PlayerAway");
+    std::uint32_t slot = 0;
+    template <typename F, typename M>
+    static void fields(F& f, M& m) {
+        f.u32(m.secondWord), f.u32(m.slot);
+    }
+};
+struct PlayerBack {
+    LOCKSTEP_MESSAGE(110, "PlayerBack");
+    std::uint32_t slot = 0;
+    template <typename F, typename M>
+    static void fields(F& f, M& m) {
+        f.u32(m.secondWord), f.u32(m.slot);
+    }
+};
+
+// The answer to a Rejoin that is let in: the slot, and a new token (the one
+// presented is spent). A StateSnapshot may follow, then the match's stream.
+struct RejoinAccepted {
+    LOCKSTEP_MESSAGE(111, "RejoinAccepted");
+    std::uint32_t roomId = 0;
+    std::uint32_t slot = 0;
+    ByteView token;
+    template <typename F, typename M>
+    static void fields(F& f, M& m) {
+        f.u32(m.secondWord), f.u32(m.roomId), f.u32(m.slot), f.blob(m.token);
+        f.check([&] { return m.token.size() == kRejoinTokenSize; });
+    }
+};
+
+// From a client granted spectating: watch the running match of a room (the
+// password of a room that has one, else empty).
+struct Spectate {
+    LOCKSTEP_MESSAGE(112, "Spectate");
+    std::uint32_t roomId = 0;
+    std::string password;
+    template <typename F, typename M>
+    static void fields(F& f, M& m) {
+        f.u32(m.secondWord), f.u32(m.roomId), f.str(m.password, kMaxPasswordLength);
+    }
+};
+
+// The answer to a Spectate that is let in: how many steps behind the match
+// the spectator is sent it. The match's stream follows.
+struct SpectateAccepted {
+    LOCKSTEP_MESSAGE(113, "SpectateAccepted");
+    std::uint32_t roomId = 0;
+    std::uint32_t delaySteps = 0;
+    template <typename F, typename M>
+    static void fields(F& f, M& m) {
+        f.u32(m.secondWord), f.u32(m.roomId), f.u32(m.delaySteps);
+    }
+};
+
+// A run of the match's stream: whole records, framed as in a recording file.
+// The first run starts with the recording's header record.
+struct CatchUp {
+    LOCKSTEP_MESSAGE(114, "CatchUp");
+    ByteView records;
+    template <typename F, typename M>
+    static void fields(F& f, M& m) {
+        f.u32(m.secondWord), f.blob(m.records);
+    }
+};
+
+// The stream has been sent up to the live match: what comes on the order and
+// match control channels from here on is live.
+struct CatchUpDone {
+    LOCKSTEP_MESSAGE(115, "CatchUpDone");
+    std::uint32_t roomId = 0;
+    template <typename F, typename M>
+    static void fields(F& f, M& m) {
+        f.u32(m.secondWord), f.u32(m.roomId);
+    }
+};
+
+// From a rejoined player that has run through the stream: from now on steps
+// wait for it again.
+struct CaughtUp {
+    LOCKSTEP_TYPE_ONLY(116, "CaughtUp");
+};
+
+// To a player granted snapshots whose game is in sync: a snapshot of its
+// game's state is wanted, for the player of slot.
+struct StateRequest {
+    LOCKSTEP_MESSAGE(117, "StateRequest");
+    std::uint32_t requestId = 0;
+    std::uint32_t slot = 0;
+    template <typename F, typename M>
+    static void fields(F& f, M& m) {
+        f.u32(m.secondWord), f.u32(m.requestId), f.u32(m.slot);
+    }
+};
+
+// A snapshot of the game's state taken after step: from a player answering a
+// StateRequest, and passed on to the rejoining player (request ID 0).
+struct StateSnapshot {
+    LOCKSTEP_MESSAGE(118, "StateSnapshot");
+    std::uint32_t requestId = 0;
+    std::uint32_t step = 0;
+    ByteView state;
+    template <typename F, typename M>
+    static void fields(F& f, M& m) {
+        f.u32(m.secondWord), f.u32(m.requestId), f.u32(m.step), f.blob(m.state);
+    }
+};
+
+// To a spectator: the match it watched is over, or the spectator was let go;
+// nothing more of it comes.
+struct WatchEnded {
+    LOCKSTEP_MESSAGE(119, "WatchEnded");
+    std::uint32_t roomId = 0;
+    std::uint32_t reason = 0;
+    template <typename F, typename M>
+    static void fields(F& f, M& m) {
+        f.u32(m.secondWord), f.u32(m.roomId), f.u32(m.reason);
     }
 };
 

@@ -13,6 +13,8 @@ const char* recordTypeName(RecordType type) {
         case RecordType::left: return "left";
         case RecordType::end: return "end";
         case RecordType::lost: return "lost";
+        case RecordType::away: return "away";
+        case RecordType::rejoin: return "rejoin";
     }
     return "unknown";
 }

@@ -33,7 +33,14 @@ enum class RecordType : std::uint8_t {
     left = 7,           // u32 slot, u32 why (0 left, 1 disconnected), str name
     end = 8,            // u32 why (0 every player gone, 1 the server stopped), u32 last completed step
     lost = 9,           // str why: the recording stops here, the match went on
+    away = 10,          // u32 slot: its player lost its connection, and its seat waits for it
+    rejoin = 11,        // u32 slot, u32 the snapshot's step (0xFFFFFFFF: none), blob the snapshot
 };
+
+// The magic word and the version before the first record.
+inline constexpr std::size_t kRecordingPreambleSize = 8;
+// A record's framing around its payload: length, type, milliseconds, CRC.
+inline constexpr std::size_t kRecordFrameSize = 13 + 4;
 
 const char* recordTypeName(RecordType type);
 

@@ -229,7 +229,7 @@ TEST(Config, EveryLimitHasItsOwnNameUnitsAndIsDocumented) {
         seen.push_back(l);
         EXPECT_NE(docs.find("`" + name + "`"), std::string::npos) << name;
     }
-    EXPECT_EQ(seen.size(), 53u);
+    EXPECT_EQ(seen.size(), 58u);
     EXPECT_EQ(parseLimits("max_peers_per_address = 2 GiB", "f", problems).maxPeersPerAddress, 2048 * kMiB);
     parseLimits("a = 1\nmax_peers_per_address = 18446744073709551616\nmax_peers_per_address 5\n", "f", problems);
     EXPECT_EQ(problems, (std::vector<std::string>{
