@@ -154,6 +154,11 @@ FeedTurn turnFeed(Storage& storage, CatchUps& catchUps, const std::shared_ptr<Fe
         if (catchUps.inFlight != 0 && catchUps.inFlight + size > catchUps.limits.bytesInFlight) return FeedTurn::streaming;
         std::shared_ptr<RecordingFile> source = feed.file;
         const std::uint64_t offset = feed.offset;
+        // Marked before the job goes: a worker that is not running does it
+        // at once, completion included.
+        feed.reading = true;
+        feed.charged = size;
+        catchUps.inFlight += size;
         const bool taken = storage.submit(
             [shared, source, offset, size]() -> Storage::Completion {
                 Bytes data = readRecordingFile(*source, offset, size);
@@ -166,10 +171,11 @@ FeedTurn turnFeed(Storage& storage, CatchUps& catchUps, const std::shared_ptr<Fe
                 };
             },
             size, feed.to.connection);
-        if (!taken) return FeedTurn::streaming;  // the receiver's share of the worker is taken: next turn
-        feed.reading = true;
-        feed.charged = size;
-        catchUps.inFlight += size;
+        if (!taken) {
+            // The receiver's share of the worker is taken: next turn.
+            feed.reading = false;
+            uncharge(catchUps, feed);
+        }
         return FeedTurn::streaming;
     }
 
