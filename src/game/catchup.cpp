@@ -55,7 +55,7 @@ Pass sendRecords(ENetPeer* peer, Feed& feed, ByteView bytes, std::int64_t horizo
             break;
         }
         const std::uint8_t type = rest[4];
-        const ByteView payload = rest.subspan(13, whole - kRecordFrameSize);
+        const ByteView payload = rest.subspan(kRecordPayloadOffset, whole - kRecordFrameSize);
         std::uint32_t step = 0;
         if (feed.delaySteps != 0 && recordStep(type, payload, step) && static_cast<std::int64_t>(step) > horizon) {
             pass.blocked = true;
@@ -189,7 +189,9 @@ FeedTurn turnFeed(Storage& storage, CatchUps& catchUps, const std::shared_ptr<Fe
     // Everything on disk is sent; the rest is the recording's pending bytes,
     // the last tenth of a second or so, sent now in the same turn as the
     // switch to the live relay.
-    const ByteView tail(recording->pending);
+    const std::uint64_t pendingStart = recording->bytes - recording->pending.size();
+    const ByteView tail = ByteView(recording->pending)
+                              .subspan(static_cast<std::size_t>(feed.offset > pendingStart ? feed.offset - pendingStart : 0));
     for (std::size_t at = 0; at < tail.size();) {
         const Pass pass = sendRecords(peer, feed, tail.subspan(at), INT64_MAX);
         if (pass.consumed == 0) break;
