@@ -92,7 +92,7 @@ bool recordStep(std::uint8_t type, ByteView payload, std::uint32_t& step) {
     }
 }
 
-std::shared_ptr<Feed> beginFeed(CatchUps& catchUps, const PeerRef& to, std::uint32_t roomId, std::int32_t slot,
+std::shared_ptr<Feed> beginFeed(const PeerRef& to, std::uint32_t roomId, std::int32_t slot,
                                 const std::shared_ptr<RecordingFile>& file, std::uint32_t delaySteps,
                                 std::uint64_t nowMicros) {
     auto feed = std::make_shared<Feed>();
@@ -103,7 +103,6 @@ std::shared_ptr<Feed> beginFeed(CatchUps& catchUps, const PeerRef& to, std::uint
     feed->delaySteps = delaySteps;
     feed->startMicros = nowMicros;
     file->readers += 1;
-    catchUps.begun += 1;
     return feed;
 }
 

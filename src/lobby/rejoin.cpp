@@ -130,7 +130,7 @@ void rejoin(RoomRegistry& rooms, ENetPeer* peer, const Rejoin& request, std::uin
     metrics().rejoins.fetch_add(1, std::memory_order_relaxed);
     logMessage("Player back in room " + std::to_string(room->id) + ": slot " + std::to_string(index));
 
-    slot.feed = beginFeed(rooms.catchUps, refOf(peer), room->id, static_cast<std::int32_t>(index),
+    slot.feed = beginFeed(refOf(peer), room->id, static_cast<std::int32_t>(index),
                           room->match.recording->file, 0, now);
     rooms.feeds.push_back(slot.feed);
     ENetPeer* supplier = granted(peer, kFeatureSnapshots) ? snapshotSupplier(*room, index) : nullptr;

@@ -512,3 +512,51 @@ TEST(Extensions, LegacyClientsSeeTheSameBytesBesideRejoinAndSpectators) {
     EXPECT_GT(without.size(), 30u);
     EXPECT_EQ(play(true), without);
 }
+
+TEST(Rejoin, AMatchWhoseRecordingStoppedCanNeitherBeRejoinedNorWatched) {
+    Rejoinable r;
+    r.h.server.recordings.limits.maxFileBytes = 300;
+    r.match(3);
+    const auto tokens = r.tickets(r.h.takeSent());
+    r.h.receive(0, kOrderChannel, ordinaryOrder(3, std::string(200, 'x')));
+    ASSERT_FALSE(streamIntact(*r.h.room(r.roomId).match.recording));
+    r.h.disconnect(2);
+    r.h.connect(5);
+    r.hello(5, {"rejoin", "spectate"});
+    r.h.takeSent();
+    r.h.lobby(5, Rejoin{1, r.roomId, tokens.at(2)});
+    const Bytes lost = encode(JoinRefused{1, r.roomId, 9, "Cannot rejoin: the match's stream is lost."});
+    EXPECT_EQ(r.h.takeSent(), (std::vector<Sent>{{5, kLobbyChannel, lost}}));
+    EXPECT_EQ(r.h.room(r.roomId).slots[2].state, PlayerState::away);  // it waits out its time
+    r.h.lobby(5, Spectate{1, r.roomId, ""});
+    EXPECT_EQ(r.h.takeSent(),
+              (std::vector<Sent>{{5, kLobbyChannel, encode(JoinRefused{1, r.roomId, 9,
+                                                                         "Cannot watch: the match's stream is lost."})}}));
+}
+
+TEST(Spectators, StreamsTakeTurnsWithinTheBoundOnWhatTheyHoldTogether) {
+    Rejoinable r;
+    r.h.server.rooms.catchUps.limits.bytesInFlight = 1;
+    r.match(2, {});
+    r.h.receive(0, kOrderChannel, ordinaryOrder(3, "a"));
+    r.flush();
+    for (std::size_t peer : {5, 6}) {
+        r.h.connect(peer);
+        r.hello(peer, {"spectate"});
+        r.h.lobby(peer, Spectate{1, r.roomId, ""});
+    }
+    r.h.takeSent();
+    // One turn: the first stream reads its run; the second waits, the bound
+    // being taken.
+    turnStreams(r.h.server.rooms, steadyMicros());
+    EXPECT_GT(r.h.server.rooms.catchUps.inFlight, 0u);
+    const std::uint64_t oneRun = r.h.server.rooms.catchUps.inFlight;
+    turnStreams(r.h.server.rooms, steadyMicros());
+    std::vector<Sent> sent = r.h.takeSent();
+    EXPECT_TRUE(streamTo(sent, 5).done);
+    EXPECT_TRUE(streamTo(sent, 6).records.empty());
+    EXPECT_EQ(r.h.server.rooms.catchUps.inFlight, oneRun);  // now the second's run
+    r.turn();
+    EXPECT_TRUE(streamTo(r.h.takeSent(), 6).done);
+    EXPECT_EQ(r.h.server.rooms.catchUps.inFlight, 0u);
+}
