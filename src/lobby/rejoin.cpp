@@ -68,10 +68,7 @@ void handOutRejoinTickets(RoomRegistry& rooms, Room& room) {
 void keepSeat(RoomRegistry& rooms, Room& room, std::uint32_t index) {
     Slot& slot = room.slots[index];
     // As for a leave: the steps it had not reported are not held up by it.
-    std::vector<std::uint32_t> steps;
-    for (const auto& [step, flags] : room.match.stepReports) steps.push_back(step);
-    const MatchView view = matchView(room);
-    for (std::uint32_t step : steps) markStepDone(room.match, view, static_cast<std::int32_t>(index), step);
+    releaseOpenSteps(room, index);
 
     stopFeed(rooms, slot.feed);
     slot.snapshotRequest = 0;
