@@ -1,0 +1,415 @@
+// Rejoin and spectators through the real binary, with the extensions'
+// test client: a player that loses its connection and comes back with its
+// token on a new one, caught up from the match's stream or from another
+// player's snapshot; spectators that join a running match, live or some
+// steps behind. Every order is checked byte for byte and in order, in the
+// stream and live.
+
+#include "support/e2e_support.h"
+#include "support/extension_client.h"
+
+#include "game/catchup.h"
+
+using namespace e2e;
+
+namespace {
+
+constexpr std::uint8_t kLobby = 0, kText = 1, kControl = 2, kOrders = 3;
+constexpr std::uint32_t kNoSnapshot = 0xFFFFFFFFu;
+
+// The players of a match by slot, and what the match's stream should hold:
+// its records in the order the server handled them (delay changes aside,
+// which the server makes on its own time), each with the message a member of
+// the audience is sent live for it (none for a player's drop or return), and
+// every order it relayed.
+struct Played {
+    std::vector<std::pair<std::uint32_t, TestClient*>> players;  // who plays now, in slot order
+    std::vector<std::pair<std::string, Bytes>> history;
+    std::vector<RecordedOrder> orders;
+
+    void note(std::string event, Bytes live = {}) { history.emplace_back(std::move(event), std::move(live)); }
+    std::vector<std::string> events() const {
+        std::vector<std::string> out;
+        for (const auto& [event, live] : history) out.push_back(event);
+        return out;
+    }
+    // What an audience member is sent live for the records from the nth on.
+    std::vector<Bytes> liveFrom(std::size_t n) const {
+        std::vector<Bytes> out;
+        for (std::size_t i = n; i < history.size(); ++i)
+            if (!history[i].second.empty()) out.push_back(history[i].second);
+        return out;
+    }
+};
+
+std::string slotEvent(const char* what, std::uint32_t a, std::uint32_t b) {
+    return std::string(what) + " " + std::to_string(a) + " " + std::to_string(b);
+}
+
+// One record as the events of Played name it; "" for delay changes.
+std::string eventOf(const Record& r) {
+    Reader p(r.payload);
+    // The payloads' first two words, read in their order.
+    const std::uint32_t first = p.u32(), second = p.u32();
+    switch (r.type) {
+        case RecordType::header: return "header";
+        case RecordType::order: return slotEvent("order", first, second);
+        case RecordType::stepCompleted: return slotEvent("step", first, second);
+        case RecordType::delay: return "";
+        case RecordType::away: return "away " + std::to_string(first);
+        case RecordType::rejoin: return slotEvent("rejoin", first, second) + " " + std::to_string(p.blob().size());
+        case RecordType::left: return slotEvent("left", first, second);
+        case RecordType::end: return slotEvent("end", first, second);
+        default: return "record " + std::to_string(static_cast<int>(r.type));
+    }
+}
+std::vector<std::string> eventsOf(const Stream& stream) {
+    std::vector<std::string> out;
+    for (const Record& r : stream.records)
+        if (std::string e = eventOf(r); !e.empty()) out.push_back(e);
+    return out;
+}
+std::vector<RecordedOrder> ordersOf(const Stream& stream) {
+    std::vector<RecordedOrder> out;
+    for (const Record& r : stream.ofType(RecordType::order)) out.push_back(*recordedOrder(r));
+    return out;
+}
+
+// A stream that went live, and what came live after it: together, every
+// record of the match once and in order, and every order exactly as sent.
+// Where the stream ends depends on how fast it was read; nothing else does.
+void expectStreamThenLive(const Played& m, const Stream& stream, const std::vector<Bytes>& live) {
+    EXPECT_TRUE(stream.caughtUp);
+    EXPECT_FALSE(stream.damaged);
+    const std::vector<std::string> events = eventsOf(stream), expected = m.events();
+    ASSERT_LE(events.size(), expected.size()) << ::testing::PrintToString(events);
+    EXPECT_EQ(events, std::vector<std::string>(expected.begin(), expected.begin() + static_cast<std::ptrdiff_t>(events.size())));
+    const std::vector<RecordedOrder> orders = ordersOf(stream);
+    ASSERT_LE(orders.size(), m.orders.size());
+    EXPECT_EQ(orders, std::vector<RecordedOrder>(m.orders.begin(), m.orders.begin() + static_cast<std::ptrdiff_t>(orders.size())));
+    EXPECT_EQ(live, m.liveFrom(events.size()));
+}
+
+// An order no other order of the test has: its sender, step and a text.
+Bytes orderOf(std::uint32_t slot, std::uint32_t step) {
+    return order(step, slot, 7, "slot " + std::to_string(slot) + " step " + std::to_string(step), {slot, step});
+}
+
+// Each player in slot order sends an order for the step, each once every
+// other player has the one before it, so the server handles them in that
+// order; then all report the step done and get its completion notice.
+void playStep(Played& m, std::uint32_t step) {
+    for (auto [slot, sender] : m.players) {
+        const Bytes o = orderOf(slot, step);
+        sender->send(kOrders, o);
+        for (auto [other, receiver] : m.players)
+            if (receiver != sender) {
+                EXPECT_EQ(receiver->nextOn(kOrders), o) << "slot " << other << ", step " << step;
+            }
+        m.note(slotEvent("order", step, slot), o);
+        m.orders.push_back(RecordedOrder{step, slot, o});
+    }
+    for (auto [slot, sender] : m.players) sender->send(kOrders, words({1, step, slot}));
+    std::optional<Bytes> notice;
+    for (auto [slot, receiver] : m.players) {
+        std::optional<Bytes> got = receiver->nextOn(kOrders);
+        ASSERT_TRUE(got) << "no completion of step " << step << " for slot " << slot;
+        if (notice) {
+            EXPECT_EQ(got, notice);
+        }
+        notice = got;
+    }
+    ASSERT_EQ(wordAt(*notice, 1), step);
+    m.note(slotEvent("step", step, wordAt(*notice, 2)), *notice);
+}
+
+// The next message on the channel that is not a delay change, which the
+// server may send at any time.
+std::optional<Bytes> nextControl(TestClient& c, int timeoutMs = 3000) {
+    return awaitOn(c, kControl, [](const Bytes& b) { return b != words({1, 1}) && b != words({2, 1}); }, timeoutMs);
+}
+
+// The messages on the channel until nothing comes for a while.
+std::vector<Bytes> drain(TestClient& c, std::uint8_t channel, int quietMs = 300) {
+    std::vector<Bytes> out;
+    for (std::optional<Bytes> m; (m = c.nextOn(channel, quietMs));) out.push_back(std::move(*m));
+    return out;
+}
+
+std::vector<std::string> features(std::initializer_list<const char*> names) { return {names.begin(), names.end()}; }
+
+// Connected and granted the features, ready for startMatch.
+void greet(ExtensionClient& c, std::uint16_t port, const std::vector<std::string>& wanted) {
+    ASSERT_TRUE(c.connect(port));
+    EXPECT_EQ(c.hello(wanted), wanted);
+}
+
+}  // namespace
+
+TEST(RejoinBinary, APlayerDropsTheOthersPlayOnAndItComesBackThroughTheStream) {
+    ServerProcess server(ServerOptions{.arguments = {"--rejoin", "30"}});
+    ASSERT_TRUE(server.start());
+    ExtensionClient a, b, c("127.0.0.3");
+    for (ExtensionClient* p : {&a, &b, &c}) greet(*p, server.port(), features({"rejoin"}));
+    const std::uint32_t room = startMatch(server.port(), {&a, &b, &c}, {"Ann", "Bob", "Cid"});
+    ASSERT_NE(room, 0u);
+    for (std::uint32_t slot = 0; ExtensionClient* p : {&a, &b, &c}) {
+        ASSERT_TRUE(p->awaitTicket());
+        EXPECT_EQ(p->ticket().roomId, room);
+        EXPECT_EQ(p->ticket().slot, slot++);
+        EXPECT_EQ(p->ticket().token.size(), kRejoinTokenSize);
+    }
+    EXPECT_NE(a.ticket().token, c.ticket().token);
+    EXPECT_NE(b.ticket().token, c.ticket().token);
+
+    Played m{{{0, &a}, {1, &b}, {2, &c}}};
+    m.note("header");
+    for (std::uint32_t step = 1; step <= 3; ++step) ASSERT_NO_FATAL_FAILURE(playStep(m, step));
+
+    // Cid's connection drops: the others hear it is away, not gone, and play on.
+    const Ticket ticket = c.ticket();
+    c.disconnect();
+    for (TestClient* p : {&a, &b}) EXPECT_EQ(nextControl(*p), words({109, 1, 2}));
+    m.note("away 2");
+    m.players = {{0, &a}, {1, &b}};
+    for (std::uint32_t step = 4; step <= 6; ++step) ASSERT_NO_FATAL_FAILURE(playStep(m, step));
+
+    // Back on a new connection, from the start of the stream.
+    ExtensionClient back("127.0.0.3");
+    greet(back, server.port(), features({"rejoin"}));
+    const std::optional<Bytes> accepted = back.rejoin(ticket);
+    ASSERT_TRUE(accepted);
+    const std::optional<RejoinAccepted> seat = decode<RejoinAccepted>(*accepted);
+    ASSERT_TRUE(seat) << "type " << wordAt(*accepted, 0);
+    EXPECT_EQ(seat->roomId, room);
+    EXPECT_EQ(seat->slot, 2u);
+    EXPECT_NE(back.ticket().token, ticket.token);  // the one presented is spent
+    for (TestClient* p : {&a, &b}) EXPECT_EQ(nextControl(*p), words({110, 1, 2}));
+    m.note(slotEvent("rejoin", 2, kNoSnapshot) + " 0");
+    const std::size_t rejoined = m.history.size();
+
+    // The match goes on while Cid is sent the stream, without waiting for it.
+    for (std::uint32_t step = 7; step <= 8; ++step) ASSERT_NO_FATAL_FAILURE(playStep(m, step));
+    ASSERT_TRUE(back.readStream());
+    const Stream& stream = back.stream();
+    EXPECT_FALSE(stream.snapshotStep);
+    EXPECT_TRUE(stream.others.empty());
+    ASSERT_FALSE(stream.records.empty());
+    ASSERT_EQ(stream.records[0].type, RecordType::header);
+    const std::optional<RecordingHeader> header = decodeHeader(stream.records[0].payload);
+    ASSERT_TRUE(header);
+    EXPECT_EQ(header->roomId, room);
+    ASSERT_EQ(header->players.size(), 3u);
+    for (std::uint32_t slot = 0; const char* name : {"Ann", "Bob", "Cid"}) {
+        EXPECT_EQ(header->players[slot].slot, slot);
+        EXPECT_EQ(header->players[slot++].name, name);
+    }
+    // Everything the match did, in order, from the start and at least up to
+    // the rejoin, with every order exactly as sent, Cid's own included; and
+    // after the stream, live, the rest, nothing twice and nothing missed.
+    EXPECT_GE(eventsOf(stream).size(), rejoined);
+    ASSERT_NO_FATAL_FAILURE(expectStreamThenLive(m, stream, drain(back, kOrders)));
+
+    // Live now, but not yet counted: the step completes without Cid.
+    const std::size_t live = m.history.size();
+    ASSERT_NO_FATAL_FAILURE(playStep(m, 9));
+    EXPECT_EQ(drain(back, kOrders), m.liveFrom(live));
+
+    // Caught up: the next step waits for Cid's report.
+    back.caughtUp();
+    ASSERT_TRUE(server.waitForLog("Player caught up in room " + std::to_string(room) + ": slot 2"));
+    m.players = {{0, &a}, {1, &b}, {2, &back}};
+    for (auto [slot, sender] : m.players) {
+        const Bytes o = orderOf(slot, 10);
+        sender->send(kOrders, o);
+        for (auto [other, receiver] : m.players)
+            if (receiver != sender) {
+                EXPECT_EQ(receiver->nextOn(kOrders), o) << other;
+            }
+    }
+    a.send(kOrders, words({1, 10, 0}));
+    b.send(kOrders, words({1, 10, 1}));
+    EXPECT_EQ(a.nextOn(kOrders, 500), std::nullopt) << "step 10 completed without slot 2";
+    back.send(kOrders, words({1, 10, 2}));
+    for (ExtensionClient* p : {&a, &b, &back}) EXPECT_EQ(p->nextOn(kOrders), words({1, 10, 2}));
+    ASSERT_NO_FATAL_FAILURE(playStep(m, 11));
+
+    // Nobody was told of a leave, on any channel.
+    for (TestClient* p : {&a, &b}) {
+        EXPECT_EQ(drain(*p, kText, 100), std::vector<Bytes>{});
+        EXPECT_EQ(nextControl(*p, 100), std::nullopt);
+    }
+    EXPECT_EQ(countOf(server.log(), "has been disconnected"), 0u);
+}
+
+TEST(RejoinBinary, ASpectatorJoinsMidMatchAndIsSentExactlyTheOrdersPlayed) {
+    ServerProcess server(ServerOptions{.arguments = {"--spectators", "2"}});
+    ASSERT_TRUE(server.start());
+    // The players know nothing of extensions.
+    TestClient a, b;
+    const std::uint32_t room = startMatch(server.port(), {&a, &b}, {"Ann", "Bob"});
+    ASSERT_NE(room, 0u);
+    Played m{{{0, &a}, {1, &b}}};
+    m.note("header");
+    for (std::uint32_t step = 1; step <= 3; ++step) ASSERT_NO_FATAL_FAILURE(playStep(m, step));
+
+    ExtensionClient watcher("127.0.0.4");
+    greet(watcher, server.port(), features({"spectate"}));
+    const std::optional<Bytes> accepted = watcher.spectate(room);
+    ASSERT_TRUE(accepted);
+    EXPECT_EQ(decode<SpectateAccepted>(*accepted).value_or(SpectateAccepted{}).roomId, room);
+    EXPECT_EQ(wordAt(*accepted, 3), 0u);  // live, no delay
+
+    // The players play on while the stream is sent.
+    for (std::uint32_t step = 4; step <= 5; ++step) ASSERT_NO_FATAL_FAILURE(playStep(m, step));
+    ASSERT_TRUE(watcher.readStream());
+    EXPECT_TRUE(watcher.stream().others.empty());
+    // From the start, then live: every order of both players and every
+    // completion, once each and in order.
+    ASSERT_NO_FATAL_FAILURE(expectStreamThenLive(m, watcher.stream(), drain(watcher, kOrders)));
+    std::size_t live = m.history.size();
+    ASSERT_NO_FATAL_FAILURE(playStep(m, 6));
+    EXPECT_EQ(drain(watcher, kOrders), m.liveFrom(live));
+
+    // What a spectator orders goes nowhere, and costs one log line.
+    watcher.send(kOrders, orderOf(5, 7));
+    watcher.send(kOrders, words({1, 7, 0}));
+    ASSERT_TRUE(server.waitForLog("sent an order to room " + std::to_string(room) + ": dropped"));
+    live = m.history.size();
+    ASSERT_NO_FATAL_FAILURE(playStep(m, 7));
+    EXPECT_EQ(drain(watcher, kOrders), m.liveFrom(live));
+    EXPECT_EQ(countOf(server.log(), "sent an order to room"), 1u);
+
+    // The players never saw it: nothing in the lobby, no text, and the room's
+    // details name only them.
+    for (TestClient* p : {&a, &b}) {
+        EXPECT_EQ(drain(*p, kLobby, 100), std::vector<Bytes>{});
+        EXPECT_EQ(drain(*p, kText, 100), std::vector<Bytes>{});
+    }
+    TestClient lobby("127.0.0.5");
+    ASSERT_TRUE(lobby.connect(server.port()));
+    lobby.send(kLobby, words({10, 1, room}));
+    EXPECT_EQ(awaitOn(lobby, kLobby, [](const Bytes& b) { return wordAt(b, 0) == 12; }),
+              Writer().u32(12).u32(1).u32(2).str("Ann").str("Bob").take());
+
+    // The match ends when both players have left, and the spectator is told.
+    for (TestClient* p : {&a, &b}) p->send(kControl, words({3, 1}));
+    const std::optional<Bytes> ended = awaitOn(watcher, kLobby, [](const Bytes& b) { return wordAt(b, 0) == 119; });
+    EXPECT_EQ(ended, encode(WatchEnded{1, room, 0}));
+}
+
+TEST(RejoinBinary, ADelayedSpectatorIsSentEachStepOnlyOnceTheMatchIsThatFarAhead) {
+    constexpr std::uint32_t kDelay = 2;
+    ServerProcess server(ServerOptions{.arguments = {"--spectators", "1", "--spectator-delay", std::to_string(kDelay)}});
+    ASSERT_TRUE(server.start());
+    TestClient a, b;
+    const std::uint32_t room = startMatch(server.port(), {&a, &b}, {"Ann", "Bob"});
+    ASSERT_NE(room, 0u);
+    Played m{{{0, &a}, {1, &b}}};
+    m.note("header");
+    for (std::uint32_t step = 1; step <= 4; ++step) ASSERT_NO_FATAL_FAILURE(playStep(m, step));
+
+    ExtensionClient watcher("127.0.0.4");
+    greet(watcher, server.port(), features({"spectate"}));
+    const std::optional<Bytes> accepted = watcher.spectate(room);
+    ASSERT_TRUE(accepted);
+    EXPECT_EQ(*accepted, encode(SpectateAccepted{1, room, kDelay}));
+
+    // The highest step of any record sent so far, and whether the completion
+    // of a step has come.
+    auto highestStep = [](const Stream& s) {
+        std::uint32_t highest = 0;
+        for (const Record& r : s.records)
+            if (std::uint32_t step = 0; recordStep(static_cast<std::uint8_t>(r.type), r.payload, step))
+                highest = std::max(highest, step);
+        return highest;
+    };
+    auto completed = [](std::uint32_t step) {
+        return [step](const Stream& s) {
+            for (const Record& r : s.ofType(RecordType::stepCompleted))
+                if (loadU32(r.payload.data()) == step) return true;
+            return false;
+        };
+    };
+    // Step 4 is complete: the records of steps up to 2 come, and none later
+    // until the match has gone on.
+    for (std::uint32_t last = 4; last <= 7; ++last) {
+        if (last > 4) {
+            ASSERT_NO_FATAL_FAILURE(playStep(m, last));
+        }
+        ASSERT_TRUE(watcher.readStream(10000, completed(last - kDelay))) << "step " << last - kDelay;
+        EXPECT_EQ(highestStep(watcher.stream()), last - kDelay);
+    }
+    EXPECT_EQ(drain(watcher, kOrders, 100), std::vector<Bytes>{});  // never live
+
+    // The match ends: the rest of the stream, and then the end of the watch.
+    for (TestClient* p : {&a, &b}) p->send(kControl, words({3, 1}));
+    ASSERT_TRUE(watcher.readStream());
+    EXPECT_FALSE(watcher.stream().caughtUp);
+    ASSERT_TRUE(watcher.stream().ended);
+    EXPECT_EQ(watcher.stream().ended->reason, 0u);
+    EXPECT_FALSE(watcher.stream().damaged);
+    EXPECT_EQ(ordersOf(watcher.stream()), m.orders);
+    std::vector<std::string> events = eventsOf(watcher.stream());
+    ASSERT_GE(events.size(), m.history.size());
+    EXPECT_EQ(std::vector<std::string>(events.begin(), events.begin() + static_cast<std::ptrdiff_t>(m.history.size())),
+              m.events());
+    EXPECT_EQ(events.back(), "end 0 7");
+}
+
+TEST(RejoinBinary, ARejoinFromAnotherPlayersSnapshotLeavesOutTheStepsItHolds) {
+    ServerProcess server(ServerOptions{.arguments = {"--rejoin", "30"}});
+    ASSERT_TRUE(server.start());
+    ExtensionClient a, b, c("127.0.0.3");
+    greet(a, server.port(), features({"rejoin", "snapshots"}));
+    greet(b, server.port(), features({"rejoin"}));
+    greet(c, server.port(), features({"rejoin", "snapshots"}));
+    const std::uint32_t room = startMatch(server.port(), {&a, &b, &c}, {"Ann", "Bob", "Cid"});
+    ASSERT_NE(room, 0u);
+    for (ExtensionClient* p : {&a, &b, &c}) ASSERT_TRUE(p->awaitTicket());
+    Played m{{{0, &a}, {1, &b}, {2, &c}}};
+    m.note("header");
+    for (std::uint32_t step = 1; step <= 3; ++step) ASSERT_NO_FATAL_FAILURE(playStep(m, step));
+
+    const Ticket ticket = c.ticket();
+    c.disconnect();
+    for (TestClient* p : {&a, &b}) EXPECT_EQ(nextControl(*p), words({109, 1, 2}));
+    m.players = {{0, &a}, {1, &b}};
+    for (std::uint32_t step = 4; step <= 5; ++step) ASSERT_NO_FATAL_FAILURE(playStep(m, step));
+
+    ExtensionClient back("127.0.0.3");
+    greet(back, server.port(), features({"rejoin", "snapshots"}));
+    const std::optional<Bytes> accepted = back.rejoin(ticket);
+    ASSERT_TRUE(accepted);
+    ASSERT_EQ(wordAt(*accepted, 0), RejoinAccepted::kType);
+    // Ann is the lowest slot that can supply one; Bob cannot.
+    const Bytes state = bytesOf("the world after step 5");
+    const std::optional<StateRequest> request = a.answerStateRequest(5, state);
+    ASSERT_TRUE(request);
+    EXPECT_NE(request->requestId, 0u);
+    EXPECT_EQ(request->slot, 2u);
+    EXPECT_EQ(drain(b, kLobby, 100), std::vector<Bytes>{});
+
+    ASSERT_TRUE(back.readStream());
+    const Stream& stream = back.stream();
+    EXPECT_TRUE(stream.caughtUp);
+    EXPECT_FALSE(stream.damaged);
+    EXPECT_EQ(stream.snapshotStep, 5u);
+    EXPECT_EQ(stream.snapshot, state);
+    // The header, and what is not orders or completions of the steps the
+    // snapshot holds: the drop and the rejoin, with the snapshot.
+    EXPECT_EQ(eventsOf(stream), (std::vector<std::string>{"header", "away 2", "rejoin 2 5 " + std::to_string(state.size())}));
+    EXPECT_EQ(ordersOf(stream), std::vector<RecordedOrder>{});
+    const std::vector<Record> rejoins = stream.ofType(RecordType::rejoin);
+    ASSERT_EQ(rejoins.size(), 1u);
+    EXPECT_EQ(rejoins[0].payload, Writer().u32(2).u32(5).blob(state).take());
+
+    // Live from here: the next steps' orders, and then it plays again.
+    const std::size_t live = m.history.size();
+    ASSERT_NO_FATAL_FAILURE(playStep(m, 6));
+    EXPECT_EQ(drain(back, kOrders), m.liveFrom(live));
+    back.caughtUp();
+    ASSERT_TRUE(server.waitForLog("Player caught up in room " + std::to_string(room) + ": slot 2"));
+    m.players = {{0, &a}, {1, &b}, {2, &back}};
+    ASSERT_NO_FATAL_FAILURE(playStep(m, 7));
+}
