@@ -26,6 +26,8 @@ struct Played {
     std::vector<std::pair<std::uint32_t, TestClient*>> players;  // who plays now, in slot order
     std::vector<std::pair<std::string, Bytes>> history;
     std::vector<RecordedOrder> orders;
+    // Bytes added to each order's text, to make the stream long.
+    std::size_t padding = 0;
 
     void note(std::string event, Bytes live = {}) { history.emplace_back(std::move(event), std::move(live)); }
     std::vector<std::string> events() const {
@@ -91,8 +93,9 @@ void expectStreamThenLive(const Played& m, const Stream& stream, const std::vect
 }
 
 // An order no other order of the test has: its sender, step and a text.
-Bytes orderOf(std::uint32_t slot, std::uint32_t step) {
-    return order(step, slot, 7, "slot " + std::to_string(slot) + " step " + std::to_string(step), {slot, step});
+Bytes orderOf(std::uint32_t slot, std::uint32_t step, std::size_t padding = 0) {
+    const std::string text = "slot " + std::to_string(slot) + " step " + std::to_string(step);
+    return order(step, slot, 7, text + std::string(padding, static_cast<char>('a' + step % 26)), {slot, step});
 }
 
 // Each player in slot order sends an order for the step, each once every
@@ -100,7 +103,7 @@ Bytes orderOf(std::uint32_t slot, std::uint32_t step) {
 // order; then all report the step done and get its completion notice.
 void playStep(Played& m, std::uint32_t step) {
     for (auto [slot, sender] : m.players) {
-        const Bytes o = orderOf(slot, step);
+        const Bytes o = orderOf(slot, step, m.padding);
         sender->send(kOrders, o);
         for (auto [other, receiver] : m.players)
             if (receiver != sender) {
@@ -412,4 +415,221 @@ TEST(RejoinBinary, ARejoinFromAnotherPlayersSnapshotLeavesOutTheStepsItHolds) {
     ASSERT_TRUE(server.waitForLog("Player caught up in room " + std::to_string(room) + ": slot 2"));
     m.players = {{0, &a}, {1, &b}, {2, &back}};
     ASSERT_NO_FATAL_FAILURE(playStep(m, 7));
+}
+
+// A stream many runs long, read by a player coming back and a spectator at
+// once while the match goes on: the runs split records anywhere, and each
+// receiver is paced on its own.
+TEST(RejoinBinary, ALongStreamToAPlayerAndASpectatorAtOnceWhileTheMatchGoesOn) {
+    ServerProcess server(ServerOptions{.arguments = {"--rejoin", "30", "--spectators", "2"}});
+    ASSERT_TRUE(server.start());
+    ExtensionClient a, b, c("127.0.0.3");
+    for (ExtensionClient* p : {&a, &b, &c}) greet(*p, server.port(), features({"rejoin"}));
+    const std::uint32_t room = startMatch(server.port(), {&a, &b, &c}, {"Ann", "Bob", "Cid"});
+    ASSERT_NE(room, 0u);
+    for (ExtensionClient* p : {&a, &b, &c}) ASSERT_TRUE(p->awaitTicket());
+    // About 1 KiB an order: the match's stream is some 500 KiB, many runs
+    // and more than a receiver's queue.
+    Played m{{{0, &a}, {1, &b}, {2, &c}}};
+    m.padding = 1000;
+    m.note("header");
+    ASSERT_NO_FATAL_FAILURE(playStep(m, 1));
+    const Ticket ticket = c.ticket();
+    c.disconnect();
+    for (TestClient* p : {&a, &b}) EXPECT_EQ(nextControl(*p), words({109, 1, 2}));
+    m.note("away 2");
+    m.players = {{0, &a}, {1, &b}};
+    for (std::uint32_t step = 2; step <= 250; ++step) ASSERT_NO_FATAL_FAILURE(playStep(m, step));
+
+    ExtensionClient back("127.0.0.3"), watcher("127.0.0.4");
+    greet(back, server.port(), features({"rejoin"}));
+    greet(watcher, server.port(), features({"spectate"}));
+    const std::optional<Bytes> accepted = back.rejoin(ticket);
+    ASSERT_TRUE(accepted);
+    ASSERT_EQ(wordAt(*accepted, 0), RejoinAccepted::kType);
+    m.note(slotEvent("rejoin", 2, kNoSnapshot) + " 0");
+    ASSERT_EQ(watcher.spectate(room), encode(SpectateAccepted{1, room, 0}));
+    for (std::uint32_t step = 251; step <= 260; ++step) ASSERT_NO_FATAL_FAILURE(playStep(m, step));
+
+    for (ExtensionClient* receiver : {&back, &watcher}) {
+        ASSERT_TRUE(receiver->readStream(20000));
+        EXPECT_GT(receiver->stream().records.size(), 500u);
+        ASSERT_NO_FATAL_FAILURE(expectStreamThenLive(m, receiver->stream(), drain(*receiver, kOrders)));
+    }
+}
+
+TEST(RejoinBinary, WrongSpentAndLateTokensAreRefusedAndTheSeatIsReleasedInTheEnd) {
+    ServerProcess server(ServerOptions{.arguments = {"--rejoin", "4"}});
+    ASSERT_TRUE(server.start());
+    ExtensionClient a, b("127.0.0.2");
+    for (ExtensionClient* p : {&a, &b}) greet(*p, server.port(), features({"rejoin"}));
+    const std::uint32_t room = startMatch(server.port(), {&a, &b}, {"Ann", "Bob"});
+    ASSERT_NE(room, 0u);
+    for (ExtensionClient* p : {&a, &b}) ASSERT_TRUE(p->awaitTicket());
+    const Ticket first = b.ticket();
+    b.disconnect();
+    EXPECT_EQ(nextControl(a), words({109, 1, 1}));
+
+    const Bytes noSeat = encode(JoinRefused{1, room, 7, "Cannot rejoin: no seat waits for that token."});
+    ExtensionClient guesser("127.0.0.6");
+    greet(guesser, server.port(), features({"rejoin"}));
+    Ticket wrong = first;
+    wrong.token[0] ^= 1;
+    EXPECT_EQ(guesser.rejoin(wrong), noSeat);
+    // The right token for another room is as wrong.
+    EXPECT_EQ(guesser.rejoin(Ticket{room + 1, 1, first.token}),
+              encode(JoinRefused{1, room + 1, 7, "Cannot rejoin: no seat waits for that token."}));
+    EXPECT_TRUE(server.waitForLog("|||| Rejoin refused from 127.0.0.6:" + std::to_string(guesser.localPort()) +
+                                      ": no seat waits for that token\n",
+                                  2));
+    // A refusal costs nothing else: the connection stays and is answered.
+    guesser.send(kLobby, words({10, 1, 0}));
+    EXPECT_TRUE(awaitOn(guesser, kLobby, [](const Bytes& m) { return wordAt(m, 0) == 1; }));
+    // Without rejoin granted, the message is unknown.
+    TestClient legacy("127.0.0.7");
+    ASSERT_TRUE(legacy.connect(server.port()));
+    legacy.send(kLobby, encode(Rejoin{1, room, ByteView(first.token)}));
+    ASSERT_TRUE(server.waitForLog("|||| Unknown lobby message 108"));
+    EXPECT_EQ(legacy.nextOn(kLobby, 300), std::nullopt);
+
+    // Back with the token; the one presented is spent.
+    ExtensionClient back("127.0.0.2");
+    greet(back, server.port(), features({"rejoin"}));
+    ASSERT_EQ(wordAt(back.rejoin(first).value_or(Bytes{}), 0), RejoinAccepted::kType);
+    EXPECT_EQ(nextControl(a), words({110, 1, 1}));
+    ASSERT_TRUE(back.readStream());
+    const Ticket second = back.ticket();
+    back.disconnect();
+    EXPECT_EQ(nextControl(a), words({109, 1, 1}));
+    ExtensionClient again("127.0.0.2");
+    greet(again, server.port(), features({"rejoin"}));
+    EXPECT_EQ(again.rejoin(first), noSeat);
+
+    // Past the time, the seat is released as a leave is, and the token is
+    // worth nothing.
+    EXPECT_EQ(nextControl(a, 10000), words({3, 1, 1}));
+    EXPECT_EQ(a.nextOn(kText), text("Bob has been disconnected from server"));
+    EXPECT_EQ(again.rejoin(second), noSeat);
+
+    // The tokens are nowhere in the log, raw or in hex.
+    const std::string log = server.log();
+    for (const Ticket* t : {&first, &second, &a.ticket()}) {
+        static const char lower[] = "0123456789abcdef", upper[] = "0123456789ABCDEF";
+        std::string raw(t->token.begin(), t->token.end()), hexLower, hexUpper;
+        for (std::uint8_t byte : t->token) {
+            hexLower += {lower[byte >> 4], lower[byte & 15]};
+            hexUpper += {upper[byte >> 4], upper[byte & 15]};
+        }
+        EXPECT_EQ(log.find(raw), std::string::npos);
+        EXPECT_EQ(log.find(hexLower), std::string::npos);
+        EXPECT_EQ(log.find(hexUpper), std::string::npos);
+    }
+}
+
+TEST(RejoinBinary, PastTheAllowanceOfFailedRejoinsEvenTheRightTokenIsRefusedUnchecked) {
+    ServerProcess server(ServerOptions{.arguments = {"--rejoin", "30"}});
+    server.writeFile("settings/limits.conf", "rejoin_failures_per_address_per_minute = 2\n");
+    ASSERT_TRUE(server.start());
+    ExtensionClient a, b("127.0.0.2");
+    for (ExtensionClient* p : {&a, &b}) greet(*p, server.port(), features({"rejoin"}));
+    const std::uint32_t room = startMatch(server.port(), {&a, &b}, {"Ann", "Bob"});
+    ASSERT_NE(room, 0u);
+    for (ExtensionClient* p : {&a, &b}) ASSERT_TRUE(p->awaitTicket());
+    const Ticket ticket = b.ticket();
+    b.disconnect();
+    EXPECT_EQ(nextControl(a), words({109, 1, 1}));
+
+    ExtensionClient back("127.0.0.2");
+    greet(back, server.port(), features({"rejoin"}));
+    Ticket wrong = ticket;
+    wrong.token[15] ^= 0x80;
+    for (int i = 0; i < 2; ++i) EXPECT_EQ(wordAt(back.rejoin(wrong).value_or(Bytes{}), 3), 7u);
+    EXPECT_EQ(back.rejoin(ticket),
+              encode(JoinRefused{1, room, 3, "Cannot rejoin: too many failed attempts. Try again in a minute."}));
+    EXPECT_TRUE(server.waitForLog("further rejoins from its address are refused unchecked for a minute"));
+    EXPECT_EQ(countOf(server.log(), "|||| Rejoin refused from 127.0.0.2:"), 2u);
+    // Another address is not held back, and the seat still waits.
+    ExtensionClient elsewhere("127.0.0.8");
+    greet(elsewhere, server.port(), features({"rejoin"}));
+    EXPECT_EQ(wordAt(elsewhere.rejoin(ticket).value_or(Bytes{}), 0), RejoinAccepted::kType);
+}
+
+TEST(RejoinBinary, InARoomWithAPlayerThatKnowsNoRejoinADropIsALeave) {
+    ServerProcess server(ServerOptions{.arguments = {"--rejoin", "30"}});
+    ASSERT_TRUE(server.start());
+    ExtensionClient a;
+    TestClient b;
+    greet(a, server.port(), features({"rejoin"}));
+    const std::uint32_t room = startMatch(server.port(), {&a, &b}, {"Ann", "Bob"});
+    ASSERT_NE(room, 0u);
+    EXPECT_FALSE(a.awaitTicket(500));
+    b.disconnect();
+    EXPECT_EQ(nextControl(a), words({3, 1, 1}));
+    EXPECT_EQ(a.nextOn(kText), text("Bob has been disconnected from server"));
+}
+
+TEST(RejoinBinary, SpectatorsAreRefusedWhereNoMatchRunsAndPastTheRoomsLimit) {
+    ServerProcess server(ServerOptions{.arguments = {"--spectators", "1"}});
+    ASSERT_TRUE(server.start());
+    TestClient a, b;
+    ExtensionClient first("127.0.0.4"), second("127.0.0.5");
+    for (ExtensionClient* w : {&first, &second}) greet(*w, server.port(), features({"spectate"}));
+    ASSERT_TRUE(a.connect(server.port()));
+    a.send(kLobby, createRoom("den"));
+    ASSERT_TRUE(awaitOn(a, kLobby, [](const Bytes& m) { return wordAt(m, 0) == 6; }));
+    EXPECT_EQ(first.spectate(1), encode(JoinRefused{1, 1, 8, "Cannot watch: no match is running in that room."}));
+    EXPECT_EQ(first.spectate(9), encode(JoinRefused{1, 9, 1, "Cannot join: room does no longer exist!"}));
+    a.send(kLobby, words({4, 1}));
+    ASSERT_TRUE(server.waitForLog("deleted."));
+
+    const std::uint32_t room = startMatch(server.port(), {&a, &b}, {"Ann", "Bob"});
+    ASSERT_NE(room, 0u);
+    EXPECT_EQ(first.spectate(room), encode(SpectateAccepted{1, room, 0}));
+    ASSERT_TRUE(first.readStream());
+    EXPECT_EQ(second.spectate(room),
+              encode(JoinRefused{1, room, 10, "Cannot watch: the room has all the spectators it may."}));
+    // One that stops watching makes room for another.
+    // (The answer to a room list request says the server has handled what
+    // came before it on the channel.)
+    first.send(kLobby, words({4, 1}));
+    first.send(kLobby, words({10, 1, 0}));
+    ASSERT_TRUE(awaitOn(first, kLobby, [](const Bytes& m) { return wordAt(m, 0) == 1; }));
+    EXPECT_EQ(second.spectate(room), encode(SpectateAccepted{1, room, 0}));
+}
+
+TEST(RejoinBinary, WithoutASnapshotInTimeTheStreamStartsFromTheStart) {
+    ServerProcess server(ServerOptions{.arguments = {"--rejoin", "30"}});
+    server.writeFile("settings/limits.conf", "snapshot_wait_ms = 300\n");
+    ASSERT_TRUE(server.start());
+    ExtensionClient a, b, c("127.0.0.3");
+    for (ExtensionClient* p : {&a, &b, &c}) greet(*p, server.port(), features({"rejoin", "snapshots"}));
+    const std::uint32_t room = startMatch(server.port(), {&a, &b, &c}, {"Ann", "Bob", "Cid"});
+    ASSERT_NE(room, 0u);
+    for (ExtensionClient* p : {&a, &b, &c}) ASSERT_TRUE(p->awaitTicket());
+    Played m{{{0, &a}, {1, &b}, {2, &c}}};
+    m.note("header");
+    for (std::uint32_t step = 1; step <= 2; ++step) ASSERT_NO_FATAL_FAILURE(playStep(m, step));
+    const Ticket ticket = c.ticket();
+    c.disconnect();
+    for (TestClient* p : {&a, &b}) EXPECT_EQ(nextControl(*p), words({109, 1, 2}));
+    m.note("away 2");
+    m.players = {{0, &a}, {1, &b}};
+    ASSERT_NO_FATAL_FAILURE(playStep(m, 3));
+
+    ExtensionClient back("127.0.0.3");
+    greet(back, server.port(), features({"rejoin", "snapshots"}));
+    ASSERT_EQ(wordAt(back.rejoin(ticket).value_or(Bytes{}), 0), RejoinAccepted::kType);
+    // Ann is asked and never answers in time.
+    const std::optional<Bytes> asked = awaitOn(a, kLobby, [](const Bytes& msg) { return wordAt(msg, 0) == 117; });
+    ASSERT_TRUE(asked);
+    m.note(slotEvent("rejoin", 2, kNoSnapshot) + " 0");
+    ASSERT_TRUE(back.readStream());
+    EXPECT_FALSE(back.stream().snapshotStep);
+    ASSERT_NO_FATAL_FAILURE(expectStreamThenLive(m, back.stream(), drain(back, kOrders)));
+    EXPECT_TRUE(server.waitForLog("No snapshot came for slot 2 of room " + std::to_string(room)));
+
+    // Its answer, late, is dropped.
+    a.send(kLobby, encode(StateSnapshot{1, wordAt(*asked, 2), 3, bytesOf("late")}));
+    ASSERT_NO_FATAL_FAILURE(playStep(m, 4));
+    EXPECT_EQ(drain(back, kLobby, 100), std::vector<Bytes>{});
 }
