@@ -191,6 +191,10 @@ FeedTurn turnFeed(Storage& storage, CatchUps& catchUps, const std::shared_ptr<Fe
     const std::uint64_t pendingStart = recording->bytes - recording->pending.size();
     const ByteView tail = ByteView(recording->pending)
                               .subspan(static_cast<std::size_t>(feed.offset > pendingStart ? feed.offset - pendingStart : 0));
+    // Paced as a run is: it waits until ENet has sent most of what went
+    // before, and a tail longer than a run (a match busier than any real
+    // one, or a flush still to come) is read from disk after the next flush.
+    if (tail.size() > kCatchUpRunBytes || holdsMoreThan(peer, catchUps.limits.queueBytes)) return FeedTurn::streaming;
     for (std::size_t at = 0; at < tail.size();) {
         const Pass pass = sendRecords(peer, feed, tail.subspan(at), INT64_MAX);
         if (pass.consumed == 0) break;

@@ -633,3 +633,44 @@ TEST(RejoinBinary, WithoutASnapshotInTimeTheStreamStartsFromTheStart) {
     ASSERT_NO_FATAL_FAILURE(playStep(m, 4));
     EXPECT_EQ(drain(back, kLobby, 100), std::vector<Bytes>{});
 }
+
+// A receiver that reads nothing holds up its own stream: the server hands
+// ENet a share of it at a time, and the rest waits on disk until the
+// receiver has taken what went before. (The stream is larger than the share,
+// and most of it is still to be written when the player comes back.)
+TEST(RejoinBinary, AReceiverThatReadsNothingIsNotHandedTheWholeStream) {
+    ServerProcess server(ServerOptions{.arguments = {"--rejoin", "30"}});
+    ASSERT_TRUE(server.start());
+    ExtensionClient a, b, c("127.0.0.3");
+    for (ExtensionClient* p : {&a, &b, &c}) greet(*p, server.port(), features({"rejoin"}));
+    const std::uint32_t room = startMatch(server.port(), {&a, &b, &c}, {"Ann", "Bob", "Cid"});
+    ASSERT_NE(room, 0u);
+    for (ExtensionClient* p : {&a, &b, &c}) ASSERT_TRUE(p->awaitTicket());
+    Played m{{{0, &a}, {1, &b}, {2, &c}}};
+    m.padding = 1000;
+    m.note("header");
+    ASSERT_NO_FATAL_FAILURE(playStep(m, 1));
+    const Ticket ticket = c.ticket();
+    c.disconnect();
+    for (TestClient* p : {&a, &b}) EXPECT_EQ(nextControl(*p), words({109, 1, 2}));
+    m.note("away 2");
+    m.players = {{0, &a}, {1, &b}};
+    ExtensionClient back("127.0.0.3");
+    greet(back, server.port(), features({"rejoin"}));
+    for (std::uint32_t step = 2; step <= 250; ++step) ASSERT_NO_FATAL_FAILURE(playStep(m, step));
+
+    // The Rejoin goes out, and the client then reads nothing for a second.
+    back.send(kLobby, encode(Rejoin{1, room, ByteView(ticket.token)}));
+    m.note(slotEvent("rejoin", 2, kNoSnapshot) + " 0");
+    ASSERT_TRUE(server.waitForLog("Player back in room " + std::to_string(room) + ": slot 2"));
+    std::this_thread::sleep_for(std::chrono::seconds(1));
+    const std::string sent = "Stream of room " + std::to_string(room) + " sent to slot 2: ";
+    EXPECT_EQ(countOf(server.log(), sent), 0u);
+
+    // Read, it is whole.
+    ASSERT_TRUE(back.readStream(20000));
+    ASSERT_EQ(back.stream().others.size(), 1u);
+    EXPECT_EQ(wordAt(back.stream().others[0], 0), RejoinAccepted::kType);
+    ASSERT_NO_FATAL_FAILURE(expectStreamThenLive(m, back.stream(), drain(back, kOrders)));
+    EXPECT_TRUE(server.waitForLog(sent));
+}
