@@ -139,6 +139,19 @@ std::vector<Bytes> drain(TestClient& c, std::uint8_t channel, int quietMs = 300)
     return out;
 }
 
+// True once the server's own directory of streams holds `count` files.
+bool streamsLeft(const ServerProcess& server, std::size_t count) {
+    const std::filesystem::path directory = std::filesystem::path(server.root()) / "server_data/streams";
+    for (int i = 0; i < 500; ++i) {
+        std::error_code error;
+        std::size_t n = 0;
+        for (auto it = std::filesystem::directory_iterator(directory, error); !error && it != std::filesystem::directory_iterator(); ++it) ++n;
+        if (n == count) return true;
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    return false;
+}
+
 std::vector<std::string> features(std::initializer_list<const char*> names) { return {names.begin(), names.end()}; }
 
 // Connected and granted the features, ready for startMatch.
@@ -284,11 +297,15 @@ TEST(RejoinBinary, ASpectatorJoinsMidMatchAndIsSentExactlyTheOrdersPlayed) {
     EXPECT_EQ(countOf(server.log(), "sent an order to room"), 1u);
 
     // The players never saw it: nothing in the lobby, no text, and the room's
-    // details name only them.
+    // details name only them. Nor is it sent what belongs to the room: chat,
+    // delay changes.
     for (TestClient* p : {&a, &b}) {
         EXPECT_EQ(drain(*p, kLobby, 100), std::vector<Bytes>{});
         EXPECT_EQ(drain(*p, kText, 100), std::vector<Bytes>{});
     }
+    a.send(kText, text("gg"));
+    EXPECT_EQ(b.nextOn(kText), text("gg"));
+    for (std::uint8_t channel : {kLobby, kText, kControl}) EXPECT_EQ(drain(watcher, channel, 100), std::vector<Bytes>{});
     TestClient lobby("127.0.0.5");
     ASSERT_TRUE(lobby.connect(server.port()));
     lobby.send(kLobby, words({10, 1, room}));
@@ -299,6 +316,9 @@ TEST(RejoinBinary, ASpectatorJoinsMidMatchAndIsSentExactlyTheOrdersPlayed) {
     for (TestClient* p : {&a, &b}) p->send(kControl, words({3, 1}));
     const std::optional<Bytes> ended = awaitOn(watcher, kLobby, [](const Bytes& b) { return wordAt(b, 0) == 119; });
     EXPECT_EQ(ended, encode(WatchEnded{1, room, 0}));
+    // Without --record, the recording was the server's own, and goes with
+    // its match.
+    EXPECT_TRUE(streamsLeft(server, 0));
 }
 
 TEST(RejoinBinary, ADelayedSpectatorIsSentEachStepOnlyOnceTheMatchIsThatFarAhead) {
@@ -385,6 +405,11 @@ TEST(RejoinBinary, ARejoinFromAnotherPlayersSnapshotLeavesOutTheStepsItHolds) {
     const std::optional<Bytes> accepted = back.rejoin(ticket);
     ASSERT_TRUE(accepted);
     ASSERT_EQ(wordAt(*accepted, 0), RejoinAccepted::kType);
+    // While the stream waits for the snapshot, what Cid orders is not its
+    // game's present: nobody is sent it, and the stream does not hold it.
+    back.send(kOrders, orderOf(2, 6));
+    back.send(kOrders, words({1, 6, 2}));
+    for (TestClient* p : {&a, &b}) EXPECT_EQ(p->nextOn(kOrders, 300), std::nullopt);
     // Ann is the lowest slot that can supply one; Bob cannot.
     const Bytes state = bytesOf("the world after step 5");
     const std::optional<StateRequest> request = a.answerStateRequest(5, state);
@@ -634,6 +659,99 @@ TEST(RejoinBinary, WithoutASnapshotInTimeTheStreamStartsFromTheStart) {
     EXPECT_EQ(drain(back, kLobby, 100), std::vector<Bytes>{});
 }
 
+// A player whose connection drops again while it is sent the stream is away
+// again, and comes back with the token it got the first time.
+TEST(RejoinBinary, APlayerThatDropsDuringItsCatchUpComesBackWithItsNewToken) {
+    ServerProcess server(ServerOptions{.arguments = {"--rejoin", "30"}});
+    ASSERT_TRUE(server.start());
+    ExtensionClient a, b, c("127.0.0.3");
+    for (ExtensionClient* p : {&a, &b, &c}) greet(*p, server.port(), features({"rejoin"}));
+    const std::uint32_t room = startMatch(server.port(), {&a, &b, &c}, {"Ann", "Bob", "Cid"});
+    ASSERT_NE(room, 0u);
+    for (ExtensionClient* p : {&a, &b, &c}) ASSERT_TRUE(p->awaitTicket());
+    Played m{{{0, &a}, {1, &b}, {2, &c}}};
+    m.padding = 1000;
+    m.note("header");
+    ASSERT_NO_FATAL_FAILURE(playStep(m, 1));
+    const Ticket first = c.ticket();
+    c.disconnect();
+    for (TestClient* p : {&a, &b}) EXPECT_EQ(nextControl(*p), words({109, 1, 2}));
+    m.note("away 2");
+    m.players = {{0, &a}, {1, &b}};
+    for (std::uint32_t step = 2; step <= 150; ++step) ASSERT_NO_FATAL_FAILURE(playStep(m, step));
+
+    // Back, and gone again before it has read the stream.
+    Ticket second;
+    {
+        ExtensionClient back("127.0.0.3");
+        greet(back, server.port(), features({"rejoin"}));
+        ASSERT_EQ(wordAt(back.rejoin(first).value_or(Bytes{}), 0), RejoinAccepted::kType);
+        second = back.ticket();
+        back.disconnect();
+    }
+    for (TestClient* p : {&a, &b}) {
+        EXPECT_EQ(nextControl(*p), words({110, 1, 2}));
+        EXPECT_EQ(nextControl(*p), words({109, 1, 2}));
+    }
+    m.note(slotEvent("rejoin", 2, kNoSnapshot) + " 0");
+    m.note("away 2");
+    ASSERT_NO_FATAL_FAILURE(playStep(m, 151));
+
+    ExtensionClient again("127.0.0.3");
+    greet(again, server.port(), features({"rejoin"}));
+    EXPECT_EQ(wordAt(again.rejoin(first).value_or(Bytes{}), 3), 7u);  // spent
+    const std::optional<Bytes> accepted = again.rejoin(second);
+    ASSERT_TRUE(accepted);
+    ASSERT_EQ(wordAt(*accepted, 0), RejoinAccepted::kType);
+    m.note(slotEvent("rejoin", 2, kNoSnapshot) + " 0");
+    for (TestClient* p : {&a, &b}) EXPECT_EQ(nextControl(*p), words({110, 1, 2}));
+    ASSERT_NO_FATAL_FAILURE(playStep(m, 152));
+    ASSERT_TRUE(again.readStream(20000));
+    ASSERT_NO_FATAL_FAILURE(expectStreamThenLive(m, again.stream(), drain(again, kOrders)));
+
+    again.caughtUp();
+    ASSERT_TRUE(server.waitForLog("Player caught up in room " + std::to_string(room) + ": slot 2"));
+    m.players = {{0, &a}, {1, &b}, {2, &again}};
+    ASSERT_NO_FATAL_FAILURE(playStep(m, 153));
+}
+
+TEST(RejoinBinary, ASpectatorOfAPrivateRoomNeedsItsPassword) {
+    ServerProcess server(ServerOptions{.arguments = {"--private-rooms", "--spectators", "1"}});
+    ASSERT_TRUE(server.start());
+    ExtensionClient a, b;
+    for (ExtensionClient* p : {&a, &b}) greet(*p, server.port(), features({"private-rooms"}));
+    const Bytes create = encode(CreatePrivateRoom{1, "den", "data", 77, "Quartz", 0});
+    // startMatch joins with JoinRoom, which a room with a password refuses:
+    // Bob joins with the password first.
+    a.send(kLobby, create);
+    const std::optional<Bytes> created = awaitOn(a, kLobby, [](const Bytes& m) { return wordAt(m, 0) == 6; });
+    ASSERT_TRUE(created);
+    const std::uint32_t room = wordAt(*created, 3);
+    b.send(kLobby, encode(JoinPrivateRoom{1, room, "Quartz"}));
+    ASSERT_TRUE(awaitOn(b, kLobby, [](const Bytes& m) { return wordAt(m, 0) == 6; }));
+    a.send(kLobby, setup(0, 1, "Ann"));
+    b.send(kLobby, setup(1, 1, "Bob"));
+    for (TestClient* p : {&a, &b})
+        for (int n = 0; n < 2; ++n)
+            ASSERT_TRUE(awaitOn(*p, kLobby, [](const Bytes& m) { return wordAt(m, 0) == 5 && wordAt(m, 3) == 1; }));
+    a.send(kLobby, words({14, 1}));
+    for (TestClient* p : {&a, &b}) {
+        ASSERT_TRUE(awaitOn(*p, kLobby, [](const Bytes& m) { return wordAt(m, 0) == 14; }));
+        p->send(kLobby, words({14, 1}));
+    }
+    for (TestClient* p : {&a, &b}) ASSERT_TRUE(awaitOn(*p, kLobby, [](const Bytes& m) { return wordAt(m, 0) == 14; }));
+    Played m{{{0, &a}, {1, &b}}};
+    m.note("header");
+    ASSERT_NO_FATAL_FAILURE(playStep(m, 1));
+
+    ExtensionClient watcher("127.0.0.4");
+    greet(watcher, server.port(), features({"spectate"}));
+    EXPECT_EQ(wordAt(watcher.spectate(room, "quartz").value_or(Bytes{}), 3), 2u);
+    EXPECT_EQ(watcher.spectate(room, "Quartz"), encode(SpectateAccepted{1, room, 0}));
+    ASSERT_TRUE(watcher.readStream());
+    ASSERT_NO_FATAL_FAILURE(expectStreamThenLive(m, watcher.stream(), drain(watcher, kOrders)));
+}
+
 // A receiver that reads nothing holds up its own stream: the server hands
 // ENet a share of it at a time, and the rest waits on disk until the
 // receiver has taken what went before. (The stream is larger than the share,
@@ -673,4 +791,45 @@ TEST(RejoinBinary, AReceiverThatReadsNothingIsNotHandedTheWholeStream) {
     EXPECT_EQ(wordAt(back.stream().others[0], 0), RejoinAccepted::kType);
     ASSERT_NO_FATAL_FAILURE(expectStreamThenLive(m, back.stream(), drain(back, kOrders)));
     EXPECT_TRUE(server.waitForLog(sent));
+}
+
+// Every player away: the room waits for them. One comes back, catches up and
+// plays on alone; the other's seat is released when its time is up, and the
+// match ends with the last player's leave.
+TEST(RejoinBinary, ARoomWhosePlayersAreAllAwayWaitsForThem) {
+    ServerProcess server(ServerOptions{.arguments = {"--rejoin", "4"}});
+    ASSERT_TRUE(server.start());
+    ExtensionClient a, b("127.0.0.2");
+    for (ExtensionClient* p : {&a, &b}) greet(*p, server.port(), features({"rejoin"}));
+    const std::uint32_t room = startMatch(server.port(), {&a, &b}, {"Ann", "Bob"});
+    ASSERT_NE(room, 0u);
+    for (ExtensionClient* p : {&a, &b}) ASSERT_TRUE(p->awaitTicket());
+    Played m{{{0, &a}, {1, &b}}};
+    m.note("header");
+    ASSERT_NO_FATAL_FAILURE(playStep(m, 1));
+    const Ticket ticket = a.ticket();
+    b.disconnect();
+    EXPECT_EQ(nextControl(a), words({109, 1, 1}));
+    m.note("away 1");
+    a.disconnect();
+    ASSERT_TRUE(server.waitForLog("Player away from room " + std::to_string(room) + ": slot 0"));
+    m.note("away 0");
+    EXPECT_TRUE(streamsLeft(server, 1));
+
+    ExtensionClient back;
+    greet(back, server.port(), features({"rejoin"}));
+    ASSERT_EQ(wordAt(back.rejoin(ticket).value_or(Bytes{}), 0), RejoinAccepted::kType);
+    m.note(slotEvent("rejoin", 0, kNoSnapshot) + " 0");
+    ASSERT_TRUE(back.readStream());
+    ASSERT_NO_FATAL_FAILURE(expectStreamThenLive(m, back.stream(), drain(back, kOrders)));
+    back.caughtUp();
+    ASSERT_TRUE(server.waitForLog("Player caught up in room " + std::to_string(room) + ": slot 0"));
+    m.players = {{0, &back}};
+    ASSERT_NO_FATAL_FAILURE(playStep(m, 2));
+
+    EXPECT_EQ(nextControl(back, 10000), words({3, 1, 1}));
+    EXPECT_EQ(back.nextOn(kText), text("Bob has been disconnected from server"));
+    back.send(kControl, words({3, 1}));
+    ASSERT_TRUE(server.waitForLog("deleted."));
+    EXPECT_TRUE(streamsLeft(server, 0));
 }
