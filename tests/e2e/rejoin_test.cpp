@@ -833,3 +833,40 @@ TEST(RejoinBinary, ARoomWhosePlayersAreAllAwayWaitsForThem) {
     ASSERT_TRUE(server.waitForLog("deleted."));
     EXPECT_TRUE(streamsLeft(server, 0));
 }
+
+// The player asked for a snapshot loses its connection before it answers:
+// the stream starts from the start at once, with no snapshot.
+TEST(RejoinBinary, WhenThePlayerAskedForASnapshotDropsTheStreamStartsFromTheStart) {
+    ServerProcess server(ServerOptions{.arguments = {"--rejoin", "30"}});
+    // Only the drop can end the wait.
+    server.writeFile("settings/limits.conf", "snapshot_wait_ms = 600000\n");
+    ASSERT_TRUE(server.start());
+    ExtensionClient a, b, c("127.0.0.3");
+    greet(a, server.port(), features({"rejoin", "snapshots"}));
+    greet(b, server.port(), features({"rejoin"}));
+    greet(c, server.port(), features({"rejoin", "snapshots"}));
+    const std::uint32_t room = startMatch(server.port(), {&a, &b, &c}, {"Ann", "Bob", "Cid"});
+    ASSERT_NE(room, 0u);
+    for (ExtensionClient* p : {&a, &b, &c}) ASSERT_TRUE(p->awaitTicket());
+    Played m{{{0, &a}, {1, &b}, {2, &c}}};
+    m.note("header");
+    ASSERT_NO_FATAL_FAILURE(playStep(m, 1));
+    const Ticket ticket = c.ticket();
+    c.disconnect();
+    for (TestClient* p : {&a, &b}) EXPECT_EQ(nextControl(*p), words({109, 1, 2}));
+    m.note("away 2");
+
+    ExtensionClient back("127.0.0.3");
+    greet(back, server.port(), features({"rejoin", "snapshots"}));
+    ASSERT_EQ(wordAt(back.rejoin(ticket).value_or(Bytes{}), 0), RejoinAccepted::kType);
+    ASSERT_TRUE(awaitOn(a, kLobby, [](const Bytes& msg) { return wordAt(msg, 0) == StateRequest::kType; }));
+    a.disconnect();
+    EXPECT_EQ(nextControl(b), words({110, 1, 2}));
+    EXPECT_EQ(nextControl(b), words({109, 1, 0}));
+    m.note("away 0");
+    m.note(slotEvent("rejoin", 2, kNoSnapshot) + " 0");
+    ASSERT_TRUE(back.readStream());
+    EXPECT_FALSE(back.stream().snapshotStep);
+    ASSERT_NO_FATAL_FAILURE(expectStreamThenLive(m, back.stream(), drain(back, kOrders)));
+    EXPECT_TRUE(server.waitForLog("No snapshot came for slot 2 of room " + std::to_string(room)));
+}
