@@ -41,6 +41,10 @@ std::atomic<std::uint32_t> logLock{0};
 std::string logFilePath;
 std::atomic<bool> logRunning{true};
 std::thread logWriter;
+// Bumped after every append and at stop; the writer sleeps on it (a futex)
+// while the queue is empty, so an idle server's writer never wakes, and a
+// bump between its last look and its sleep ends the sleep at once.
+std::atomic<std::uint32_t> writerWake{0};
 
 // The console has a thread of its own, so a reader that stops reading (Ctrl+S,
 // a full pipe, a stuck journal) blocks only that thread. Its state is never
@@ -170,12 +174,20 @@ void logWriterLoop() {
     acquire();
     release();
     std::vector<LogEntry> batch;
-    // The emptiness test reads the size without the lock; a stale answer only
-    // delays the last drain by one round.
-    while (logRunning.load() || queuedCount.load(std::memory_order_relaxed) != 0) {
+    for (;;) {
+        const std::uint32_t seen = writerWake.load(std::memory_order_acquire);
         drainLogQueue(batch);
-        sleepMilliseconds(4);
+        // Whatever was queued before the stop is written before the thread
+        // ends: the stop bumps the counter after its store, so the drain
+        // above or the next round sees every line queued ahead of it.
+        if (!logRunning.load() && queuedCount.load(std::memory_order_acquire) == 0) break;
+        if (queuedCount.load(std::memory_order_acquire) == 0) writerWake.wait(seen, std::memory_order_acquire);
     }
+}
+
+void wakeWriter() {
+    writerWake.fetch_add(1, std::memory_order_release);
+    writerWake.notify_one();
 }
 
 }  // namespace
@@ -189,6 +201,7 @@ void enqueue(LogEntry entry) {
         ++queueDropped;
     queuedCount.store(logQueue.size() + queueDropped, std::memory_order_relaxed);
     release();
+    wakeWriter();
 }
 }  // namespace
 
@@ -235,6 +248,7 @@ void startLog(const std::string& fileName) {
 
 void stopLog() {
     logRunning.store(false);
+    wakeWriter();
     if (logWriter.joinable()) logWriter.join();
     if (!console.thread.joinable()) return;
     // The console gets a moment to show the last lines; a reader that has
