@@ -30,6 +30,7 @@
 #include "platform/process.h"
 #include "platform/signals.h"
 #include "platform/wakeup.h"
+#include "protocol/messages.h"
 #include "platform/files.h"
 #include "stats/events.h"
 #include "stats/netreport.h"
@@ -224,6 +225,10 @@ int main(int argc, char** argv) {
     }
     loadLimits(*server);
     loadBans(*server);
+    if (options.receiveLatency) {
+        server->receiveStamps = std::make_unique<ReceiveStamps>(kOrderChannel);
+        server->receiveStamps->install(server->host);
+    }
     server->storage.onDone = [&inbox = server->inbox] { inbox.wakeup().signal(); };
     server->storage.start();
     wakeOnSignals(server->inbox.wakeup().fd());
@@ -319,6 +324,10 @@ int main(int argc, char** argv) {
     }
 
     notifyStopping();
+    if (server->receiveStamps) {
+        server->receiveStamps->uninstall();
+        logMessage("Receive to send: " + server->receiveStamps->summary());
+    }
     wakeOnSignals(-1);
     endConsoleKeys();
     stopServer(*server);

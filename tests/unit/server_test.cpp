@@ -301,7 +301,9 @@ TEST(Pacing, AStretchOfIdleIterationsCountsAndLogsAsOneAtATime) {
         Pacing walk = many;
         for (std::uint32_t i = 0; i < stretch.iterations; ++i) {
             sum += walk.pollInterval;
-            if (i + 1 < stretch.iterations) EXPECT_EQ(advancePacing(walk, false), 0u);
+            if (i + 1 < stretch.iterations) {
+                EXPECT_EQ(advancePacing(walk, false), 0u);
+            }
         }
         EXPECT_EQ(stretch.millis, sum);
         const std::uint64_t elapsed = next(5) == 0 ? stretch.millis : next(stretch.millis + 1);
