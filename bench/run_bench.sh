@@ -91,7 +91,7 @@ start_target() {
     printf '\nbenchmark\n0\n' > "$WORK/root/settings/server.config"
     # Every load client connects from 127.0.0.1, far past what one real
     # address may hold.
-    printf 'max_peers_per_address = 0\nconnects_per_address_per_minute = 0\n' > "$WORK/root/settings/limits.conf"
+    printf 'max_peers_per_address = 0\nconnects_per_address_per_minute = 0\nrooms_per_address_per_minute = 0\naddress_budget_multiple = 0\n' > "$WORK/root/settings/limits.conf"
     [ -z "${UPDATE_FILE:-}" ] || head -c 8388608 /dev/urandom >"$WORK/root/server_data/update_data/$UPDATE_FILE"
     ${TARGET_CPU[@]+"${TARGET_CPU[@]}"} "$SERVER_BIN" --data-root "$WORK/root" </dev/null >/dev/null 2>&1 &
     TARGET_PID=$!

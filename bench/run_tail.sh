@@ -60,7 +60,7 @@ start_target() {
     mkdir -p "$WORK/root/settings" "$WORK/root/server_data/update_data" "$WORK/root/server_data/announcements"
     printf '\nbenchmark\n0\n' >"$WORK/root/settings/server.config"
     # Every client comes from 127.0.0.1: the per-address limits are off.
-    printf 'max_peers_per_address = 0\nconnects_per_address_per_minute = 0\n' >"$WORK/root/settings/limits.conf"
+    printf 'max_peers_per_address = 0\nconnects_per_address_per_minute = 0\nrooms_per_address_per_minute = 0\naddress_budget_multiple = 0\n' >"$WORK/root/settings/limits.conf"
     ${TARGET_CPU[@]+"${TARGET_CPU[@]}"} "$SERVER_BIN" --data-root "$WORK/root" --receive-latency </dev/null >/dev/null 2>&1 &
     TARGET_PID=$!
     for _ in $(seq 100); do
@@ -76,6 +76,18 @@ start_target() {
     done
   fi
   [ -n "$TARGET_PORT" ] || { echo "run_tail.sh: $1 did not start" >&2; exit 1; }
+}
+
+# Per thread of the side, since it started: voluntary context switches (its
+# wake-ups) and the time it spent ready to run but waiting for a core, the
+# main thread (the loop) first.
+threads_of() {
+  local out="" tid d
+  for d in /proc/"$TARGET_PID"/task/*; do
+    tid=${d##*/}
+    out="$out $([ "$tid" = "$TARGET_PID" ] && echo loop || echo "t$tid"):$(awk '/^voluntary_ctxt/ { print $2 }' "$d/status")w/$(awk '{ printf "%.1f", $2 / 1e6 }' "$d/schedstat")ms"
+  done
+  echo "${out# }"
 }
 
 # Stops the side and prints its instrument's line.
@@ -107,8 +119,10 @@ for run in $(seq "$RUNS"); do
     line=$(timeout --signal=INT --kill-after=10 $((SECONDS_PER_RUN + 90)) ${LOAD_CPU[@]+"${LOAD_CPU[@]}"} \
       "$LOADBOT_BIN" --rooms "$ROOMS" --players "$PLAYERS" --rate "$RATE" --seconds "$SECONDS_PER_RUN" \
       --port "$TARGET_PORT" --server-pid "$TARGET_PID" --label "$side" --quiet ${extra[@]+"${extra[@]}"} || true)
+    threads=$(threads_of)
     inside=$(stop_target "$side")
-    echo "{\"run\":$run,\"side\":\"$side\",\"pinned\":$PIN,\"inside\":\"$inside\",\"load\":$line}" >>"$OUT/tail.jsonl"
+    echo "{\"run\":$run,\"side\":\"$side\",\"pinned\":$PIN,\"inside\":\"$inside\",\"threads\":\"$threads\",\"load\":$line}" >>"$OUT/tail.jsonl"
+    echo "  run $run, $side: threads (wake-ups/ready-but-waiting) $threads" >&2
     echo "$run $side $line" >>"$OUT/.lines"
     echo "$run|$side|$inside" >>"$OUT/.inside"
   done
