@@ -30,6 +30,8 @@ constexpr std::size_t kQueueLimit = 1 << 16;
 // Lines waiting for the console; a console that reads slower than the server
 // logs loses lines beyond this, the file keeps them.
 constexpr std::size_t kConsoleLimit = 1024;
+// The least time between two drains of the writer.
+constexpr std::chrono::microseconds kBatchGap{4000};
 
 // The lock guards only the queue's hand-off: callers append, the writer swaps
 // the whole queue out. Nobody holds it while writing anything.
@@ -177,11 +179,16 @@ void logWriterLoop() {
     for (;;) {
         const std::uint32_t seen = writerWake.load(std::memory_order_acquire);
         drainLogQueue(batch);
+        const auto drained = std::chrono::steady_clock::now();
         // Whatever was queued before the stop is written before the thread
         // ends: the stop bumps the counter after its store, so the drain
         // above or the next round sees every line queued ahead of it.
         if (!logRunning.load() && queuedCount.load(std::memory_order_acquire) == 0) break;
         if (queuedCount.load(std::memory_order_acquire) == 0) writerWake.wait(seen, std::memory_order_acquire);
+        // A lone line is written at once; a burst (a flood of connects, a
+        // churn of rooms) is written a batch per kBatchGap at most, one
+        // open of the file each, as when the writer polled.
+        if (logRunning.load()) std::this_thread::sleep_until(drained + kBatchGap);
     }
 }
 
