@@ -94,7 +94,7 @@ void waitForTraffic(Server& server, std::uint64_t intervalMs, int keysFd = -1) {
 
 // Nothing but a packet, a key, a post or the clock can give the loop work:
 // no peer in any state (ENet keeps timers for a handshake or a goodbye), no
-// room, no disk job, no drain.
+// room, no drain. A finished disk job wakes the loop itself, as a post does.
 bool quiet(const Server& server) {
     if (server.host == nullptr || server.eventsLeft || !server.peers.empty() || !server.rooms.byId.empty() ||
         server.drain.active || drainRequested)
