@@ -109,7 +109,7 @@ void releaseOpenSteps(Room& room, std::uint32_t slot);
 // player included.
 void vacateSlot(RoomRegistry& rooms, Room& room, std::uint32_t slot, bool disconnected);
 
-// ---- Spectators and streams (spectators.cpp) ----
+// ---- Spectators and streams (watchers.cpp) ----
 bool isWatching(const RoomRegistry& rooms, const ENetPeer* peer);
 void spectate(RoomRegistry& rooms, ENetPeer* peer, const Spectate& request, std::uint64_t nowMicros);
 // A spectator leaves (LeaveRoom, LeaveMatch, or its connection is gone);
