@@ -55,7 +55,7 @@ Pass sendRecords(ENetPeer* peer, Feed& feed, ByteView bytes, std::int64_t horizo
             break;
         }
         const std::uint8_t type = rest[4];
-        const ByteView payload = rest.subspan(13, whole - kRecordFrameSize);
+        const ByteView payload = rest.subspan(kRecordHeadSize, whole - kRecordFrameSize);
         std::uint32_t step = 0;
         if (feed.delaySteps != 0 && recordStep(type, payload, step) && static_cast<std::int64_t>(step) > horizon) {
             pass.blocked = true;
