@@ -63,6 +63,9 @@ struct Options {
     double hold = 0;              // seconds of real-time play in all; 0: until the rejoins are done
     double setupSeconds = 30;
     double catchUpSeconds = 600;  // one catch-up must be done by then
+    // The rejoining connection is served only this often (0: whenever it has
+    // something): a player that takes its stream slowly.
+    std::uint32_t slowReaderMs = 0;
     std::optional<pid_t> serverPid;
     std::string label;
     bool quiet = false;
@@ -81,6 +84,7 @@ struct Client {
     std::uint32_t lastNotice = 0;
     std::uint64_t relays = 0;
     std::uint64_t lastServiceNs = 0;
+    bool slow = false;  // served every --slow-reader milliseconds only
 };
 
 struct Cycle {
@@ -113,7 +117,7 @@ public:
     int run();
 
 private:
-    bool open(Client& client);
+    bool open(Client& client, bool slow = false);
     void close(Client& client);
     void send(Client& client, std::uint8_t channel, const Bytes& bytes, bool flush = true);
     void pump(std::uint64_t deadlineNs);
@@ -149,7 +153,7 @@ private:
     std::uint64_t resumedNs_ = 0;  // when the rejoined player last played again
 };
 
-bool Run::open(Client& client) {
+bool Run::open(Client& client, bool slow) {
     ENetAddress local{};
     local.host = htonl(INADDR_LOOPBACK);
     ENetAddress server{};
@@ -160,17 +164,21 @@ bool Run::open(Client& client) {
     client.peer = enet_host_connect(client.host, &server, kChannelCount, 0);
     if (client.peer == nullptr) return false;
     enet_host_flush(client.host);
+    client.state = Client::State::Connecting;
+    client.slow = slow;
+    // A slow reader is served only on its own schedule, not when its socket
+    // has something.
+    if (slow) return true;
     epoll_event ev{};
     ev.events = EPOLLIN;
     ev.data.ptr = &client;
     epoll_ctl(epoll_, EPOLL_CTL_ADD, client.host->socket, &ev);
-    client.state = Client::State::Connecting;
     return true;
 }
 
 void Run::close(Client& client) {
     if (client.host == nullptr) return;
-    epoll_ctl(epoll_, EPOLL_CTL_DEL, client.host->socket, nullptr);
+    if (!client.slow) epoll_ctl(epoll_, EPOLL_CTL_DEL, client.host->socket, nullptr);
     enet_host_destroy(client.host);
     client.host = nullptr;
     client.peer = nullptr;
@@ -192,7 +200,7 @@ void Run::serve(Client& client, std::uint64_t now) {
 void Run::pump(std::uint64_t deadlineNs) {
     std::uint64_t now = monotonicNs();
     for (auto& c : clients_)
-        if (c->host != nullptr && now - c->lastServiceNs >= 10 * kMs) serve(*c, now);
+        if (c->host != nullptr && now - c->lastServiceNs >= (c->slow ? o_.slowReaderMs : 10) * kMs) serve(*c, now);
     int timeout = deadlineNs > now ? static_cast<int>(std::min<std::uint64_t>((deadlineNs - now + kMs - 1) / kMs, 10)) : 0;
     epoll_event events[16];
     int n = epoll_wait(epoll_, events, 16, timeout);
@@ -467,7 +475,7 @@ int Run::run() {
             enet_peer_disconnect_now(r.peer, 0);
             close(r);
             r.state = Client::State::Rejoining;
-            if (!open(r)) fail("cannot create an ENet client host");
+            if (!open(r, o_.slowReaderMs != 0)) fail("cannot create an ENet client host");
             r.state = Client::State::Rejoining;
             continue;
         }
@@ -595,6 +603,9 @@ int main(int argc, char** argv) {
     app.add_option("--hold", o.hold, "Seconds of play at --rate in all (0: until the rejoins are done)");
     app.add_option("--setup-seconds", o.setupSeconds, "Time allowed to reach the running match");
     app.add_option("--catchup-seconds", o.catchUpSeconds, "Time allowed for one catch-up");
+    app.add_option("--slow-reader", o.slowReaderMs,
+                   "Serve the rejoining player's connection only every this many milliseconds (a slow reader; 0: at once)")
+        ->check(CLI::Range(0u, 1000u));
     app.add_option("--server-pid", pid, "Process to read the resident size of (its peak is reset after the fast play)");
     app.add_option("--label", o.label, "Copied into the JSON line");
     app.add_flag("-q,--quiet", o.quiet, "Only the JSON line (and the line \"catchup: prepared\")");
