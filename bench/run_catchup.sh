@@ -26,9 +26,9 @@
 # alternating in one batch. A fresh server, the long match prepared as
 # above, then build/loadbot plays --rooms rooms of 8 players at 20 steps a
 # second for --seconds while the match's last player drops and rejoins over
-# and over (side "catchup") or plays on (side "none"). build/catchup runs at
-# nice 19 on the clients' core, so that its reading of the streams takes
-# only the time the loadbot leaves. Prints every run and the medians per
+# and over (side "catchup") or plays on (side "none"). After the fast play
+# build/catchup runs at nice 19 on the clients' core, so that its reading of
+# the streams takes only the time the loadbot leaves. Prints every run and the medians per
 # side.
 
 set -euo pipefail
@@ -97,11 +97,11 @@ start_server() {
   mkdir -p "$WORK/root/settings" "$WORK/root/server_data/update_data" "$WORK/root/server_data/announcements"
   printf '\nbenchmark\n0\n' >"$WORK/root/settings/server.config"
   # Every client connects from 127.0.0.1, far past what one real address
-  # may hold or send; the fast play sends some 5,000 orders a second per
-  # player, past a player's order budget.
+  # may hold, send or create (64 rooms); the fast play sends some 5,000
+  # orders a second per player, past a player's order budget.
   {
     printf 'max_peers_per_address = 0\nconnects_per_address_per_minute = 0\naddress_budget_multiple = 0\n'
-    printf 'orders_per_second = 1000000\norders_burst = 10000000\n'
+    printf 'orders_per_second = 1000000\norders_burst = 10000000\nrooms_per_address_per_minute = 0\n'
     for line in "$@"; do printf '%s\n' "$line"; done
   } >"$WORK/root/settings/limits.conf"
   taskset -c "$SERVER_CORE" "$SERVER_BIN" --data-root "$WORK/root" --rejoin 600 </dev/null >/dev/null 2>&1 &
@@ -177,13 +177,18 @@ if [ "$RELAY" = 1 ]; then
       [ "$side" = catchup ] && rejoins=1000000
       before=$(load1)
       # The long match, then (catchup) drops and rejoins half a second apart
-      # until it is told to stop.
-      taskset -c "$CLIENT_CORE" nice -n 19 "$CATCHUP_BIN" --port "$SERVER_PORT" --players "$PLAYERS" --steps "$STEPS" \
-        --rejoins "$rejoins" --rejoin-after 0 --between 0.5 --hold 3600 --label "$side" --quiet \
+      # until it is told to stop. The files of the run before go first, so
+      # that their "prepared" is not taken for this run's.
+      rm -f "$WORK/catchup.out" "$WORK/catchup.err"
+      taskset -c "$CLIENT_CORE" "$CATCHUP_BIN" --port "$SERVER_PORT" --players "$PLAYERS" --steps "$STEPS" \
+        --rejoins "$rejoins" --rejoin-after 1 --between 0.5 --hold 3600 --label "$side" --quiet \
         >"$WORK/catchup.out" 2>"$WORK/catchup.err" &
       CATCHUP_PID=$!
-      for _ in $(seq 1200); do grep -q "^catchup: prepared" "$WORK/catchup.err" 2>/dev/null && break; sleep 0.1; done
+      for _ in $(seq 3000); do grep -q "^catchup: prepared" "$WORK/catchup.err" 2>/dev/null && break; sleep 0.1; done
       grep -q "^catchup: prepared" "$WORK/catchup.err" || { echo "run_catchup.sh: the match was not prepared" >&2; cat "$WORK/catchup.err" >&2; exit 1; }
+      # The fast play at the usual priority, the streams' reading at the
+      # lowest: the loadbot's timing comes first on the shared core.
+      renice -n 19 -p "$CATCHUP_PID" >/dev/null
       line=$(timeout --signal=INT --kill-after=10 $((SECONDS_PER_LOAD + 90)) taskset -c "$CLIENT_CORE" "$LOADBOT_BIN" \
         --rooms "$ROOMS" --players 8 --rate 20 --seconds "$SECONDS_PER_LOAD" --port "$SERVER_PORT" \
         --server-pid "$SERVER_PID" --label "$side" --quiet || true)
