@@ -8,6 +8,7 @@
 #                        [--repeat 3] [--rejoins 3] [--rooms 64]
 #                        [--seconds 20] [--server-core 0] [--client-core 1]
 #                        [--no-times] [--no-relay] [--out DIR]
+#                        [--relay-limit "NAME = VALUE"]... [--relay-catchup-args ARGS]
 #
 # Times (--no-times leaves them out): --repeat runs, each against a fresh
 # server with --rejoin: build/catchup plays --steps steps of a room of
@@ -28,8 +29,10 @@
 # second for --seconds while the match's last player drops and rejoins over
 # and over (side "catchup") or plays on (side "none"). After the fast play
 # build/catchup runs at nice 19 on the clients' core, so that its reading of
-# the streams takes only the time the loadbot leaves. Prints every run and the medians per
-# side.
+# the streams takes only the time the loadbot leaves. Prints every run and
+# the medians per side. --relay-limit adds a line to the server's limits
+# file for these runs (again for more lines), --relay-catchup-args passes
+# options to build/catchup (such as --slow-reader 20).
 
 set -euo pipefail
 
@@ -45,6 +48,8 @@ CLIENT_CORE=1
 TIMES=1
 RELAY=1
 OUT=""
+RELAY_LIMITS=()
+RELAY_TOOL_ARGS=""
 
 while [ $# -gt 0 ]; do
   case "$1" in
@@ -60,6 +65,8 @@ while [ $# -gt 0 ]; do
     --no-times) TIMES=0; shift ;;
     --no-relay) RELAY=0; shift ;;
     --out) OUT=$2; shift 2 ;;
+    --relay-limit) RELAY_LIMITS+=("$2"); shift 2 ;;
+    --relay-catchup-args) RELAY_TOOL_ARGS=$2; shift 2 ;;
     -h|--help) awk 'NR > 1 && /^#/ { sub(/^# ?/, ""); print; next } NR > 1 { exit }' "$0"; exit 0 ;;
     *) echo "run_catchup.sh: unknown option $1" >&2; exit 2 ;;
   esac
@@ -172,7 +179,7 @@ if [ "$RELAY" = 1 ]; then
   for rep in $(seq "$REPEAT"); do
     for side in catchup none; do
       echo "  relay: ${ROOMS}x8x20 beside the prepared match, $side, run $rep ..." >&2
-      start_server
+      start_server ${RELAY_LIMITS[@]+"${RELAY_LIMITS[@]}"}
       rejoins=0
       [ "$side" = catchup ] && rejoins=1000000
       before=$(load1)
@@ -181,7 +188,7 @@ if [ "$RELAY" = 1 ]; then
       # that their "prepared" is not taken for this run's.
       rm -f "$WORK/catchup.out" "$WORK/catchup.err"
       taskset -c "$CLIENT_CORE" "$CATCHUP_BIN" --port "$SERVER_PORT" --players "$PLAYERS" --steps "$STEPS" \
-        --rejoins "$rejoins" --rejoin-after 1 --between 0.5 --hold 3600 --label "$side" --quiet \
+        --rejoins "$rejoins" --rejoin-after 1 --between 0.5 --hold 3600 --label "$side" --quiet $RELAY_TOOL_ARGS \
         >"$WORK/catchup.out" 2>"$WORK/catchup.err" &
       CATCHUP_PID=$!
       for _ in $(seq 3000); do grep -q "^catchup: prepared" "$WORK/catchup.err" 2>/dev/null && break; sleep 0.1; done
