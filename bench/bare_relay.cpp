@@ -11,8 +11,12 @@
 // confirmation and go notice. Everything else, and every refusal, is dropped
 // without a word. It shares no code with the server on purpose.
 //
-// Usage: bare_relay [--port N]   (0 or none: a free port; the chosen one is
-// printed as "bare_relay: listening on port N").
+// Usage: bare_relay [--port N] [--receive-latency]   (0 or none: a free port;
+// the chosen one is printed as "bare_relay: listening on port N"). With
+// --receive-latency the server's own instrument times every order from the
+// kernel's receive to the hand-over of its relay, printed at the end as
+// "bare_relay: receive to send: ...". It is the one piece of the server here:
+// the same instrument on both sides, so their figures compare.
 
 #include <csignal>
 #include <cstdint>
@@ -25,6 +29,8 @@
 #include <unordered_map>
 
 #include <enet/enet.h>
+
+#include "platform/receive_stamps.h"
 
 namespace {
 
@@ -236,11 +242,14 @@ void handle(Relay& relay, ENetEvent& event) {
 
 int main(int argc, char** argv) {
     unsigned long port = 0;
+    bool receiveLatency = false;
     for (int i = 1; i < argc; ++i) {
         if (std::strcmp(argv[i], "--port") == 0 && i + 1 < argc) {
             port = std::strtoul(argv[++i], nullptr, 10);
+        } else if (std::strcmp(argv[i], "--receive-latency") == 0) {
+            receiveLatency = true;
         } else {
-            std::fprintf(stderr, "usage: bare_relay [--port N]\n");
+            std::fprintf(stderr, "usage: bare_relay [--port N] [--receive-latency]\n");
             return 2;
         }
     }
@@ -264,12 +273,21 @@ int main(int argc, char** argv) {
     // The server's bounds, which are ENet's defaults spelt out.
     relay.host->maximumPacketSize = 32u * 1024 * 1024;
     relay.host->maximumWaitingData = 32u * 1024 * 1024;
+    ReceiveStamps stamps(kOrders);
+    if (receiveLatency) stamps.install(relay.host);
     std::printf("bare_relay: listening on port %u\n", static_cast<unsigned>(relay.host->address.port));
     std::fflush(stdout);
 
     while (!stopRequested) {
         ENetEvent event;
-        while (enet_host_service(relay.host, &event, 0) > 0) handle(relay, event);
+        while (enet_host_service(relay.host, &event, 0) > 0) {
+            const bool order = event.type == ENET_EVENT_TYPE_RECEIVE;
+            const std::uint8_t channel = event.channelID;
+            ENetPeer* peer = event.peer;
+            handle(relay, event);
+            if (receiveLatency && order) stamps.handled(channel, peer);
+        }
+        if (receiveLatency) stamps.sent();
         enet_uint32 condition = ENET_SOCKET_WAIT_RECEIVE | ENET_SOCKET_WAIT_INTERRUPT;
         enet_socket_wait(relay.host->socket, &condition, 10);
     }
@@ -280,6 +298,11 @@ int main(int argc, char** argv) {
             leave(relay, peer);
             enet_peer_disconnect(peer, 0);
         }
+    }
+    if (receiveLatency) {
+        stamps.uninstall();
+        std::printf("bare_relay: receive to send: %s\n", stamps.summary().c_str());
+        std::fflush(stdout);
     }
     enet_host_flush(relay.host);
     enet_host_destroy(relay.host);

@@ -6,7 +6,12 @@
 #   bench/run_bench.sh [--build DIR] [--rooms "1 16 64 128"] [--players 8]
 #                      [--rate 20] [--seconds 10] [--repeat 1]
 #                      [--idle-seconds 10] [--no-extras]
-#                      [--sweep "20 40 60 80 100 120 160"] [--out DIR]
+#                      [--sweep "20 40 60 80 100 120 160"] [--out DIR] [--pin]
+#
+# --pin puts the server (or the bare relay) on core 0 and the load generator
+# on core 1 with taskset, the same way on both sides, so that neither steals
+# from the other. The generator's own lateness (its send lag) is in the
+# JSON lines; bench/run_tail.sh leaves out the runs where it fell behind.
 #
 # --repeat R runs each load R times per side and keeps, per side, the run
 # with the least steal time (from /proc/stat, as the loadbot reports it);
@@ -32,6 +37,8 @@ IDLE_SECONDS=10
 EXTRAS=1
 SWEEP="20 40 60 80 100 120 160"
 OUT=""
+TARGET_CPU=()
+LOAD_CPU=()
 
 while [ $# -gt 0 ]; do
   case "$1" in
@@ -45,6 +52,7 @@ while [ $# -gt 0 ]; do
     --no-extras) EXTRAS=0; shift ;;
     --sweep) SWEEP=$2; shift 2 ;;
     --out) OUT=$2; shift 2 ;;
+    --pin) TARGET_CPU=(taskset -c 0); LOAD_CPU=(taskset -c 1); shift ;;
     -h|--help) awk 'NR > 1 && /^#/ { sub(/^# ?/, ""); print; next } NR > 1 { exit }' "$0"; exit 0 ;;
     *) echo "run_bench.sh: unknown option $1" >&2; exit 2 ;;
   esac
@@ -83,9 +91,9 @@ start_target() {
     printf '\nbenchmark\n0\n' > "$WORK/root/settings/server.config"
     # Every load client connects from 127.0.0.1, far past what one real
     # address may hold.
-    printf 'max_peers_per_address = 0\nconnects_per_address_per_minute = 0\n' > "$WORK/root/settings/limits.conf"
+    printf 'max_peers_per_address = 0\nconnects_per_address_per_minute = 0\nrooms_per_address_per_minute = 0\naddress_budget_multiple = 0\n' > "$WORK/root/settings/limits.conf"
     [ -z "${UPDATE_FILE:-}" ] || head -c 8388608 /dev/urandom >"$WORK/root/server_data/update_data/$UPDATE_FILE"
-    "$SERVER_BIN" --data-root "$WORK/root" </dev/null >/dev/null 2>&1 &
+    ${TARGET_CPU[@]+"${TARGET_CPU[@]}"} "$SERVER_BIN" --data-root "$WORK/root" </dev/null >/dev/null 2>&1 &
     TARGET_PID=$!
     for _ in $(seq 100); do
       TARGET_PORT=$(sed -n 's/.*Enet server created at [0-9]*:\([0-9]*\).*/\1/p' "$WORK/root/server.log" 2>/dev/null | head -1 || true)
@@ -93,7 +101,7 @@ start_target() {
       sleep 0.05
     done
   else
-    "$RELAY_BIN" --port 0 </dev/null >"$WORK/relay.out" 2>&1 &
+    ${TARGET_CPU[@]+"${TARGET_CPU[@]}"} "$RELAY_BIN" --port 0 </dev/null >"$WORK/relay.out" 2>&1 &
     TARGET_PID=$!
     for _ in $(seq 100); do
       TARGET_PORT=$(sed -n 's/^bare_relay: listening on port \([0-9]*\)$/\1/p' "$WORK/relay.out" 2>/dev/null || true)
@@ -126,7 +134,7 @@ run_load() {
   [ "$mode" = idle ] && extra+=(--idle)
   local limit
   limit=$(awk -v s="$seconds" 'BEGIN { printf "%d", s + 90 }')
-  timeout --signal=INT --kill-after=10 "$limit" \
+  timeout --signal=INT --kill-after=10 "$limit" ${LOAD_CPU[@]+"${LOAD_CPU[@]}"} \
     "$LOADBOT_BIN" --rooms "$rooms" --players "$PLAYERS" --rate "$RATE" --seconds "$seconds" \
     --port "$TARGET_PORT" --server-pid "$TARGET_PID" --label "$side" --quiet ${extra[@]+"${extra[@]}"} || true
   stop_target

@@ -45,6 +45,15 @@ FuzzServer::FuzzServer(std::size_t peerCount) {
         peers_.push_back(std::move(p));
     }
     setPacketRecorder([this](ENetPeer*, std::uint8_t, ByteView) { ++sentPackets; });
+    // Every extension on, and matches recorded, so that rejoins, snapshots
+    // and spectators are reachable from the inputs.
+    server.features = kFeaturePrivateRooms | kFeatureRejoin | kFeatureSnapshots | kFeatureSpectate;
+    server.rooms.recordings = &server.recordings;
+    server.rooms.storage = &server.storage;
+    server.recordings.directory = scratchRoot + "/streams";
+    server.recordings.temporary = true;
+    server.rooms.access.awayMicros = 30'000'000;
+    server.rooms.access.spectatorsPerRoom = 2;
 }
 
 FuzzServer::~FuzzServer() {

@@ -12,6 +12,7 @@
 #include "app/invariants.h"
 #include "app/service.h"
 #include "fuzz_common.h"
+#include "lobby/lobby.h"
 #include "platform/clock.h"
 
 namespace {
@@ -50,6 +51,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
                 setClockForTests(now);
                 checkPeriodicDump(fuzz.server, localNow());
                 runRoomWork(fuzz.server);
+                turnStreams(fuzz.server.rooms, steadyMicros());
                 break;
         }
         checkInvariants(fuzz);

@@ -173,9 +173,9 @@ void onExtensionsHello(const Incoming& in, ExtensionsHello& m) {
 }
 
 // ---- Rejoin and spectators ----
-void onRejoin(const Incoming& in, Rejoin& m) {
-    if (!refusedByDrain(in.server, in.peer)) rejoin(in.server.rooms, in.peer, m, in.now);
-}
+// A drain lets running matches end: their players may come back, and be
+// watched, until they do.
+void onRejoin(const Incoming& in, Rejoin& m) { rejoin(in.server.rooms, in.peer, m, in.now); }
 void onCaughtUp(const Incoming& in, CaughtUp&) { caughtUp(in.server.rooms, in.peer); }
 void onStateSnapshot(const Incoming& in, StateSnapshot& m) { receiveSnapshot(in.server.rooms, in.peer, m); }
 void onSpectate(const Incoming& in, Spectate& m) { spectate(in.server.rooms, in.peer, m, in.now); }

@@ -1,5 +1,6 @@
 #include "app/invariants.h"
 
+#include <algorithm>
 #include <map>
 #include <set>
 
@@ -10,6 +11,13 @@ std::string brokenInvariant(const Server& s) {
         if (id == 0) return "a room with ID 0";
         for (std::uint32_t i = 0; i < kSlotCount; ++i) {
             const Slot& slot = room->slots[i];
+            if (slot.state != PlayerState::connected && (!room->running || !room->rejoinable))
+                return "a player away or back outside a running room where drops keep seats";
+            if ((slot.state == PlayerState::away) != (slot.peer == nullptr && slot.state != PlayerState::connected))
+                return "an away player with a connection, or one without that is not away";
+            if (slot.state == PlayerState::away && slot.info == nullptr) return "an away player without its record";
+            if ((slot.feed != nullptr) != (slot.state == PlayerState::rejoining))
+                return "a stream for a player that is not rejoining, or none for one that is";
             if (slot.peer == nullptr) continue;
             if (s.peers.count(slot.peer) == 0) return "a player's connection is not registered";
             if (!placed.insert(slot.peer).second) return "a peer holds two slots";
@@ -27,6 +35,23 @@ std::string brokenInvariant(const Server& s) {
         if (room->started && room->open) return "started but open";
     }
     if (s.rooms.places.size() != placed.size()) return "the place index holds peers in no slot";
+    std::size_t streams = 0;
+    for (const auto& [peer, watcher] : s.rooms.watchers) {
+        if (placed.count(peer) != 0) return "a spectator holds a slot";
+        if (s.peers.count(const_cast<ENetPeer*>(peer)) == 0) return "a spectator that is gone";
+        streams += watcher.feed != nullptr;
+        const Room* room = findRoom(s.rooms, watcher.roomId);
+        const bool live = room != nullptr &&
+                          std::find(room->spectators.begin(), room->spectators.end(), peer) != room->spectators.end();
+        if (live == (watcher.feed != nullptr)) return "a spectator both streamed and live, or neither";
+    }
+    for (const auto& [id, room] : s.rooms.byId)
+        for (const ENetPeer* peer : room->spectators)
+            if (auto w = s.rooms.watchers.find(peer); w == s.rooms.watchers.end() || w->second.roomId != id)
+                return "a live spectator the registry does not know";
+    for (const auto& [id, room] : s.rooms.byId)
+        for (const Slot& slot : room->slots) streams += slot.feed != nullptr;
+    if (streams != s.rooms.feeds.size()) return "streams the registry holds and those in use disagree";
     for (ENetPeer* p : s.peers) {
         if (p->data == nullptr) return "a registered peer has no address record";
         if (s.budgets.count(p) == 0) return "a registered peer has no budget";

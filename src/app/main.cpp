@@ -1,6 +1,7 @@
 // Entry point: data root, log, ENet, the generator and the Server, then the
 // main loop until SIGINT or SIGTERM, then the orderly shutdown.
 
+#include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <filesystem>
@@ -29,6 +30,7 @@
 #include "platform/process.h"
 #include "platform/signals.h"
 #include "platform/wakeup.h"
+#include "protocol/messages.h"
 #include "platform/files.h"
 #include "stats/events.h"
 #include "stats/netreport.h"
@@ -80,14 +82,41 @@ void publishStatus(Server& server, bool notify) {
 // interval: a packet that arrives during the wait is served at once rather
 // than after the rest of the sleep. Signals, finished disk jobs and work
 // posted by other threads end the wait too, through the inbox's eventfd.
-void waitForTraffic(Server& server, std::uint32_t intervalMs) {
+void waitForTraffic(Server& server, std::uint64_t intervalMs, int keysFd = -1) {
     if (server.host == nullptr) {
-        sleepMilliseconds(intervalMs);
+        sleepMilliseconds(static_cast<std::uint32_t>(intervalMs));
         return;
     }
     if (!waitForSocketOrWakeup(static_cast<int>(server.host->socket), server.inbox.wakeup(),
-                               static_cast<int>(intervalMs)))
-        sleepMilliseconds(intervalMs);
+                               static_cast<int>(intervalMs), keysFd))
+        sleepMilliseconds(static_cast<std::uint32_t>(intervalMs));
+}
+
+// Nothing but a packet, a key, a post or the clock can give the loop work:
+// no peer in any state (ENet keeps timers for a handshake or a goodbye), no
+// room, no drain. A finished disk job wakes the loop itself, as a post does.
+bool quiet(const Server& server) {
+    if (server.host == nullptr || server.eventsLeft || !server.peers.empty() || !server.rooms.byId.empty() ||
+        server.drain.active || drainRequested)
+        return false;
+    for (std::size_t i = 0; i < server.host->peerCount; ++i)
+        if (server.host->peers[i].state != ENET_PEER_STATE_DISCONNECTED) return false;
+    return true;
+}
+
+// Milliseconds from now to a deadline, rounded up; 0 once it has passed.
+std::uint64_t millisUntil(std::chrono::steady_clock::time_point now, std::chrono::steady_clock::time_point at) {
+    if (at <= now) return 0;
+    return static_cast<std::uint64_t>(std::chrono::ceil<std::chrono::milliseconds>(at - now).count());
+}
+
+// To the next whole minute of the wall clock, where the periodic dump's
+// latch may change; every time zone in use moves minutes together.
+std::uint64_t millisToNextMinute() {
+    const std::int64_t ms = static_cast<std::int64_t>(
+        std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::system_clock::now().time_since_epoch())
+            .count());
+    return static_cast<std::uint64_t>(60'000 - ms % 60'000);
 }
 
 // The endpoint's bounds are read once, before it starts; problems in the
@@ -209,6 +238,10 @@ int main(int argc, char** argv) {
     }
     loadLimits(*server);
     loadBans(*server);
+    if (options.receiveLatency) {
+        server->receiveStamps = std::make_unique<ReceiveStamps>(kOrderChannel);
+        server->receiveStamps->install(server->host);
+    }
     server->storage.onDone = [&inbox = server->inbox] { inbox.wakeup().signal(); };
     server->storage.start();
     if (server->recordings.temporary) clearTemporaryRecordings(server->storage, server->recordings.directory);
@@ -285,11 +318,30 @@ int main(int argc, char** argv) {
             metrics().loopTurn.observe(static_cast<double>(monotonicMicros() - turnStart) / 1e6);
             metrics().loopTurnCpu.observe(static_cast<double>(threadCpuMicros() - turnCpuStart) / 1e6);
         }
-        if (!server->eventsLeft)
+        if (server->eventsLeft) continue;
+        if (!active && quiet(*server)) {
+            // The next turn that has anything to do: the status and health
+            // publication (which keeps /healthz fresh), the watchdog, the
+            // fleet's health call, the dump latch. Traffic ends the wait
+            // sooner, as always.
+            const auto now = Steady::now();
+            std::uint64_t budget = std::min(millisUntil(now, nextPublish), millisToNextMinute());
+            if (watchdogEvery.count() != 0) budget = std::min(budget, millisUntil(now, nextWatchdog));
+            if (agones) budget = std::min(budget, millisUntil(now, agones->nextHealth));
+            const IdleStretch stretch = planIdleStretch(pacing, budget);
+            const std::uint64_t waitStart = steadyMicros();
+            waitForTraffic(*server, stretch.millis, consoleKeysFd());
+            countIdleIterations(pacing, stretch, (steadyMicros() - waitStart) / 1000);
+        } else {
             waitForTraffic(*server, drainWaitMillis(server->drain, steadyMicros(), pacing.pollInterval));
+        }
     }
 
     notifyStopping();
+    if (server->receiveStamps) {
+        server->receiveStamps->uninstall();
+        logMessage("Receive to send: " + server->receiveStamps->summary());
+    }
     wakeOnSignals(-1);
     endConsoleKeys();
     stopServer(*server);

@@ -62,6 +62,9 @@ int parseOptions(int argc, char** argv, Options& options) {
                    "With --agones, ping the sidecar's health check every SECONDS (default 2)")
         ->type_name("SECONDS")
         ->check(CLI::Range(1u, 3600u));
+    app.add_flag("--receive-latency", options.receiveLatency,
+                 "For benchmarks: time every order from the kernel's receive of its datagram to the hand-over of "
+                 "its relay to the socket, and log the percentiles at shutdown (costs a system call per datagram)");
     try {
         app.parse(argc, argv);
     } catch (const CLI::CallForHelp& e) {

@@ -24,6 +24,8 @@ struct Options {
     // --agones and --agones-health.
     bool agones = false;
     std::uint32_t agonesHealthSeconds = 2;
+    // --receive-latency, for benchmarks.
+    bool receiveLatency = false;
 };
 
 // Returns -1 to go on, or the exit status to end with at once (0 after

@@ -4,6 +4,7 @@
 
 #include <cstdint>
 #include <ctime>
+#include <memory>
 #include <set>
 #include <unordered_map>
 #include <string>
@@ -16,6 +17,7 @@
 #include "admission/limits.h"
 #include "app/drain_state.h"
 #include "lobby/room.h"
+#include "platform/receive_stamps.h"
 #include "platform/storage.h"
 #include "platform/wakeup.h"
 #include "stats/events.h"
@@ -75,6 +77,8 @@ struct Server {
     // --record: where matches are recorded (the rooms point here).
     Recordings recordings;
     LoopClocks clocks;
+    // --receive-latency: null unless asked for.
+    std::unique_ptr<ReceiveStamps> receiveStamps;
     // Connections made since the start: each peer's number, which work that
     // finishes later checks (a reused ENet peer is another connection).
     std::uint64_t connectionsMade = 0;

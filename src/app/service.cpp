@@ -68,7 +68,10 @@ bool serviceStep(Server& server) {
         // over every event it received: under load a drain is thousands of
         // events long, and a relay queued at its start would wait for all
         // of them. Flushing every so many events sends it on its way.
-        if (events % kEventsPerFlush == kEventsPerFlush - 1) enet_host_flush(server.host);
+        if (events % kEventsPerFlush == kEventsPerFlush - 1) {
+            enet_host_flush(server.host);
+            if (server.receiveStamps) server.receiveStamps->sent();
+        }
         switch (event.type) {
             case ENET_EVENT_TYPE_CONNECT:
                 handleConnect(server, event.peer);
@@ -83,6 +86,7 @@ bool serviceStep(Server& server) {
                 countIn(event.channelID, event.packet->dataLength);
                 dispatchPacket(server, event.peer, event.channelID,
                                ByteView(event.packet->data, event.packet->dataLength), &event.packet);
+                if (server.receiveStamps) server.receiveStamps->handled(event.channelID, event.peer);
                 if (event.packet != nullptr) enet_packet_destroy(event.packet);
                 cutOffPeersOverLimit(server);
                 handled = true;
@@ -92,6 +96,8 @@ bool serviceStep(Server& server) {
         }
     }
     server.eventsLeft = events == kMaxEventsPerTurn;
+    // A service that handed over no event has sent all that was queued.
+    if (server.receiveStamps && !server.eventsLeft) server.receiveStamps->sent();
     // Completions are the server's own work coming back, not traffic: only
     // connects, disconnects and packets keep the loop's interval short.
     server.storage.poll();

@@ -55,7 +55,7 @@ Pass sendRecords(ENetPeer* peer, Feed& feed, ByteView bytes, std::int64_t horizo
             break;
         }
         const std::uint8_t type = rest[4];
-        const ByteView payload = rest.subspan(kRecordHeadSize, whole - kRecordFrameSize);
+        const ByteView payload = rest.subspan(kRecordPayloadOffset, whole - kRecordFrameSize);
         std::uint32_t step = 0;
         if (feed.delaySteps != 0 && recordStep(type, payload, step) && static_cast<std::int64_t>(step) > horizon) {
             pass.blocked = true;
@@ -92,7 +92,7 @@ bool recordStep(std::uint8_t type, ByteView payload, std::uint32_t& step) {
     }
 }
 
-std::shared_ptr<Feed> beginFeed(CatchUps& catchUps, const PeerRef& to, std::uint32_t roomId, std::int32_t slot,
+std::shared_ptr<Feed> beginFeed(const PeerRef& to, std::uint32_t roomId, std::int32_t slot,
                                 const std::shared_ptr<RecordingFile>& file, std::uint32_t delaySteps,
                                 std::uint64_t nowMicros) {
     auto feed = std::make_shared<Feed>();
@@ -103,7 +103,6 @@ std::shared_ptr<Feed> beginFeed(CatchUps& catchUps, const PeerRef& to, std::uint
     feed->delaySteps = delaySteps;
     feed->startMicros = nowMicros;
     file->readers += 1;
-    catchUps.begun += 1;
     return feed;
 }
 
@@ -189,7 +188,13 @@ FeedTurn turnFeed(Storage& storage, CatchUps& catchUps, const std::shared_ptr<Fe
     // Everything on disk is sent; the rest is the recording's pending bytes,
     // the last tenth of a second or so, sent now in the same turn as the
     // switch to the live relay.
-    const ByteView tail(recording->pending);
+    const std::uint64_t pendingStart = recording->bytes - recording->pending.size();
+    const ByteView tail = ByteView(recording->pending)
+                              .subspan(static_cast<std::size_t>(feed.offset > pendingStart ? feed.offset - pendingStart : 0));
+    // Paced as a run is: it waits until ENet has sent most of what went
+    // before, and a tail longer than a run (a match busier than any real
+    // one, or a flush still to come) is read from disk after the next flush.
+    if (tail.size() > kCatchUpRunBytes || holdsMoreThan(peer, catchUps.limits.queueBytes)) return FeedTurn::streaming;
     for (std::size_t at = 0; at < tail.size();) {
         const Pass pass = sendRecords(peer, feed, tail.subspan(at), INT64_MAX);
         if (pass.consumed == 0) break;

@@ -38,8 +38,6 @@ inline constexpr std::size_t kCatchUpRunBytes = 64u * 1024;
 struct CatchUps {
     CatchUpLimits limits;
     std::uint64_t inFlight = 0;
-    // Streams begun and those that went live, for the metrics.
-    std::uint64_t begun = 0;
 };
 
 struct Feed {
@@ -77,7 +75,7 @@ enum class FeedTurn {
     lost,       // the recording stopped or cannot be read: the stream cannot be whole
 };
 
-std::shared_ptr<Feed> beginFeed(CatchUps& catchUps, const PeerRef& to, std::uint32_t roomId, std::int32_t slot,
+std::shared_ptr<Feed> beginFeed(const PeerRef& to, std::uint32_t roomId, std::int32_t slot,
                                 const std::shared_ptr<RecordingFile>& file, std::uint32_t delaySteps,
                                 std::uint64_t nowMicros);
 // Sends what is ready and paced, and asks the worker for the next run.

@@ -102,8 +102,11 @@ void receiveSnapshot(RoomRegistry& rooms, ENetPeer* peer, const StateSnapshot& s
 void giveUpSnapshot(Room& room, std::uint32_t slot);
 // Room work: seats that waited too long are released as a leave is.
 void releaseExpiredSeats(RoomRegistry& rooms, std::uint64_t nowMicros);
-// Takes a player or spectator's place out of the room as a leave does, the
-// seat of an away player included (vacate = release).
+// The slot's reports of every step still open count as given, so that the
+// others are not held up by a player that is gone (or away).
+void releaseOpenSteps(Room& room, std::uint32_t slot);
+// Takes a player's slot out of the room as a leave does, the seat of an away
+// player included.
 void vacateSlot(RoomRegistry& rooms, Room& room, std::uint32_t slot, bool disconnected);
 
 // ---- Spectators and streams (spectators.cpp) ----

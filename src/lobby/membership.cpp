@@ -192,16 +192,20 @@ void leaveRoom(RoomRegistry& rooms, ENetPeer* peer, bool disconnected) {
     vacateSlot(rooms, room, place->slot, disconnected);
 }
 
+void releaseOpenSteps(Room& room, std::uint32_t slot) {
+    // markStepDone may complete and erase entries, so walk a copy of the keys.
+    std::vector<std::uint32_t> steps;
+    for (const auto& [step, flags] : room.match.stepReports) steps.push_back(step);
+    const MatchView view = matchView(room);
+    for (std::uint32_t step : steps) markStepDone(room.match, view, static_cast<std::int32_t>(slot), step);
+}
+
 void vacateSlot(RoomRegistry& rooms, Room& room, std::uint32_t index, bool disconnected) {
     Slot& slot = room.slots[index];
 
     if (room.running) {
-        // markStepDone may complete and erase entries, so walk a copy of the
-        // keys. The leaver still stands in its slot while this runs.
-        std::vector<std::uint32_t> steps;
-        for (const auto& [step, flags] : room.match.stepReports) steps.push_back(step);
-        const MatchView view = matchView(room);
-        for (std::uint32_t step : steps) markStepDone(room.match, view, static_cast<std::int32_t>(index), step);
+        // The leaver still stands in its slot while this runs.
+        releaseOpenSteps(room, index);
 
         sendToHumans(room, kMatchControlChannel, encode(PlayerLeftMatch{1, index}));
         std::string name = slot.info ? slot.info->playerName : std::string();

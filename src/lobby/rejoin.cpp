@@ -68,10 +68,7 @@ void handOutRejoinTickets(RoomRegistry& rooms, Room& room) {
 void keepSeat(RoomRegistry& rooms, Room& room, std::uint32_t index) {
     Slot& slot = room.slots[index];
     // As for a leave: the steps it had not reported are not held up by it.
-    std::vector<std::uint32_t> steps;
-    for (const auto& [step, flags] : room.match.stepReports) steps.push_back(step);
-    const MatchView view = matchView(room);
-    for (std::uint32_t step : steps) markStepDone(room.match, view, static_cast<std::int32_t>(index), step);
+    releaseOpenSteps(room, index);
 
     stopFeed(rooms, slot.feed);
     slot.snapshotRequest = 0;
@@ -130,7 +127,7 @@ void rejoin(RoomRegistry& rooms, ENetPeer* peer, const Rejoin& request, std::uin
     metrics().rejoins.fetch_add(1, std::memory_order_relaxed);
     logMessage("Player back in room " + std::to_string(room->id) + ": slot " + std::to_string(index));
 
-    slot.feed = beginFeed(rooms.catchUps, refOf(peer), room->id, static_cast<std::int32_t>(index),
+    slot.feed = beginFeed(refOf(peer), room->id, static_cast<std::int32_t>(index),
                           room->match.recording->file, 0, now);
     rooms.feeds.push_back(slot.feed);
     ENetPeer* supplier = granted(peer, kFeatureSnapshots) ? snapshotSupplier(*room, index) : nullptr;

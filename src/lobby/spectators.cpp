@@ -116,7 +116,7 @@ void spectate(RoomRegistry& rooms, ENetPeer* peer, const Spectate& request, std:
     sendBytes(peer, kLobbyChannel, encode(SpectateAccepted{1, room->id, delay}));
     Watcher& watcher = rooms.watchers[peer];
     watcher.roomId = room->id;
-    watcher.feed = beginFeed(rooms.catchUps, refOf(peer), room->id, -1, room->match.recording->file, delay, now);
+    watcher.feed = beginFeed(refOf(peer), room->id, -1, room->match.recording->file, delay, now);
     rooms.feeds.push_back(watcher.feed);
     logMessage("Spectator " + peerAddressText(peer) + " watches room " + std::to_string(room->id));
 }

@@ -30,6 +30,8 @@ constexpr std::size_t kQueueLimit = 1 << 16;
 // Lines waiting for the console; a console that reads slower than the server
 // logs loses lines beyond this, the file keeps them.
 constexpr std::size_t kConsoleLimit = 1024;
+// The least time between two drains of the writer.
+constexpr std::chrono::microseconds kBatchGap{4000};
 
 // The lock guards only the queue's hand-off: callers append, the writer swaps
 // the whole queue out. Nobody holds it while writing anything.
@@ -41,6 +43,10 @@ std::atomic<std::uint32_t> logLock{0};
 std::string logFilePath;
 std::atomic<bool> logRunning{true};
 std::thread logWriter;
+// Bumped after every append and at stop; the writer sleeps on it (a futex)
+// while the queue is empty, so an idle server's writer never wakes, and a
+// bump between its last look and its sleep ends the sleep at once.
+std::atomic<std::uint32_t> writerWake{0};
 
 // The console has a thread of its own, so a reader that stops reading (Ctrl+S,
 // a full pipe, a stuck journal) blocks only that thread. Its state is never
@@ -170,12 +176,25 @@ void logWriterLoop() {
     acquire();
     release();
     std::vector<LogEntry> batch;
-    // The emptiness test reads the size without the lock; a stale answer only
-    // delays the last drain by one round.
-    while (logRunning.load() || queuedCount.load(std::memory_order_relaxed) != 0) {
+    for (;;) {
+        const std::uint32_t seen = writerWake.load(std::memory_order_acquire);
         drainLogQueue(batch);
-        sleepMilliseconds(4);
+        const auto drained = std::chrono::steady_clock::now();
+        // Whatever was queued before the stop is written before the thread
+        // ends: the stop bumps the counter after its store, so the drain
+        // above or the next round sees every line queued ahead of it.
+        if (!logRunning.load() && queuedCount.load(std::memory_order_acquire) == 0) break;
+        if (queuedCount.load(std::memory_order_acquire) == 0) writerWake.wait(seen, std::memory_order_acquire);
+        // A lone line is written at once; a burst (a flood of connects, a
+        // churn of rooms) is written a batch per kBatchGap at most, one
+        // open of the file each, as when the writer polled.
+        if (logRunning.load()) std::this_thread::sleep_until(drained + kBatchGap);
     }
+}
+
+void wakeWriter() {
+    writerWake.fetch_add(1, std::memory_order_release);
+    writerWake.notify_one();
 }
 
 }  // namespace
@@ -189,6 +208,7 @@ void enqueue(LogEntry entry) {
         ++queueDropped;
     queuedCount.store(logQueue.size() + queueDropped, std::memory_order_relaxed);
     release();
+    wakeWriter();
 }
 }  // namespace
 
@@ -235,6 +255,7 @@ void startLog(const std::string& fileName) {
 
 void stopLog() {
     logRunning.store(false);
+    wakeWriter();
     if (logWriter.joinable()) logWriter.join();
     if (!console.thread.joinable()) return;
     // The console gets a moment to show the last lines; a reader that has

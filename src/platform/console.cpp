@@ -55,6 +55,8 @@ void beginConsoleKeys() {
 
 void endConsoleKeys() { restoreTerminal(); }
 
+int consoleKeysFd() { return terminalSaved && !inputEnded ? STDIN_FILENO : -1; }
+
 int readConsoleKey() {
     if (inputEnded) return -1;
     struct pollfd pfd{STDIN_FILENO, POLLIN, 0};

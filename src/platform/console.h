@@ -18,3 +18,7 @@ void endConsoleKeys();
 // The next waiting key, or -1 when none is waiting. Never blocks; the end of
 // a piped input is remembered and only ever yields -1 afterwards.
 int readConsoleKey();
+// Standard input while keys are read from a terminal, so that a quiet loop
+// can wait for a key with its other waits; -1 otherwise (a pipe or
+// /dev/null would always read as ready).
+int consoleKeysFd();

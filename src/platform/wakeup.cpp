@@ -28,9 +28,9 @@ void Wakeup::clear() const {
     [[maybe_unused]] ssize_t n = read(fd_, &count, sizeof count);
 }
 
-bool waitForSocketOrWakeup(int socketFd, const Wakeup& wakeup, int timeoutMs) {
-    pollfd fds[2] = {{socketFd, POLLIN, 0}, {wakeup.fd(), POLLIN, 0}};
-    const int result = poll(fds, 2, timeoutMs);
+bool waitForSocketOrWakeup(int socketFd, const Wakeup& wakeup, int timeoutMs, int otherFd) {
+    pollfd fds[3] = {{socketFd, POLLIN, 0}, {wakeup.fd(), POLLIN, 0}, {otherFd, POLLIN, 0}};
+    const int result = poll(fds, 3, timeoutMs);
     // Emptied whatever ended the wait: a signal interrupts the poll and
     // writes to the eventfd as well, and must not make two turns.
     wakeup.clear();

@@ -30,8 +30,9 @@ private:
 // a signal interrupts, or timeoutMs pass; then empties the wake-up, so that
 // one post or one signal makes one extra turn. A socket of -1 is not
 // watched. Returns false when the wait itself failed (the caller then
-// sleeps instead).
-bool waitForSocketOrWakeup(int socketFd, const Wakeup& wakeup, int timeoutMs);
+// sleeps instead). A further descriptor (-1: none) ends the wait too when
+// it has something to read.
+bool waitForSocketOrWakeup(int socketFd, const Wakeup& wakeup, int timeoutMs, int otherFd = -1);
 
 // Work handed to the loop: any thread posts, the loop runs what was posted,
 // in order, at its next turn. Posts come only from the server's own threads,

@@ -39,10 +39,10 @@ enum class RecordType : std::uint8_t {
 
 // The magic word and the version before the first record.
 inline constexpr std::size_t kRecordingPreambleSize = 8;
-// What comes before a record's payload: length, type, milliseconds.
-inline constexpr std::size_t kRecordHeadSize = 9;
-// A record's framing around its payload: the head, and the CRC after it.
-inline constexpr std::size_t kRecordFrameSize = kRecordHeadSize + 4;
+// A record's framing around its payload: length, type, milliseconds, CRC.
+inline constexpr std::size_t kRecordFrameSize = 4 + 1 + 4 + 4;
+// Where the payload starts in a framed record.
+inline constexpr std::size_t kRecordPayloadOffset = 4 + 1 + 4;
 
 const char* recordTypeName(RecordType type);
 

@@ -88,7 +88,8 @@ inline std::vector<Bytes> take(TestClient& c, std::uint8_t channel, std::size_t 
 }
 
 // A match brought to its go notice through the real lobby: the clients
-// connect; the first creates a room with `create`, the others
+// connect (those that are not connected yet: a client that spoke first, to
+// ask for extensions, keeps its connection); the first creates a room with `create`, the others
 // join it into slots 1, 2, ...; all set up ready under their names, the
 // first asks for the start and all confirm. The room's ID, 0 on a failure.
 inline std::uint32_t startMatch(std::uint16_t port, const std::vector<TestClient*>& clients,
@@ -96,7 +97,7 @@ inline std::uint32_t startMatch(std::uint16_t port, const std::vector<TestClient
     auto ofType = [](std::uint32_t type) { return [type](const Bytes& m) { return wordAt(m, 0) == type; }; };
     std::uint32_t room = 0;
     for (std::uint32_t i = 0; i < clients.size(); ++i) {
-        if (!clients[i]->connect(port)) return ADD_FAILURE() << "connect " << i, 0;
+        if (!clients[i]->connected() && !clients[i]->connect(port)) return ADD_FAILURE() << "connect " << i, 0;
         clients[i]->send(0, i == 0 ? create : words({3, 1, room}));
         auto accepted = awaitOn(*clients[i], 0, ofType(6));
         if (!accepted || wordAt(*accepted, 2) != i) return ADD_FAILURE() << "join " << i, 0;

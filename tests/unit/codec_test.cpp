@@ -28,6 +28,7 @@ Row row(const char* name, const M& sample, Writer expected) {
 Writer header(std::uint32_t type, std::uint32_t second = 1) { return std::move(Writer().u32(type).u32(second)); }
 
 const Bytes kWorld{1, 2, 3}, kLog{4}, kFirst{1, 0, 0, 0, 2, 0, 0, 0}, kSecond{9, 0, 0, 0};
+const Bytes kToken{1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15, 16};
 const Bytes kBundle = encodeSnapshotBundle(Bytes{5}, Bytes{6, 7}, Bytes{}, Bytes{8});
 
 std::vector<Row> table() {
@@ -80,6 +81,19 @@ std::vector<Row> table() {
         row("Announcements", Announcements{0, {"a", ""}}, header(2, 0).u32(2).str("a").str("")),
         row("FileRequest", FileRequest{1, "f"}, header(2).str("f")),
         row("FileData", FileData{1, "f", kWorld}, header(3).str("f").blob(kWorld)),
+        row("RejoinTicket", RejoinTicket{1, 4, 2, kToken}, header(107).u32(4).u32(2).blob(kToken)),
+        row("Rejoin", Rejoin{1, 4, kToken}, header(108).u32(4).blob(kToken)),
+        row("PlayerAway", PlayerAway{1, 3}, header(109).u32(3)),
+        row("PlayerBack", PlayerBack{1, 3}, header(110).u32(3)),
+        row("RejoinAccepted", RejoinAccepted{1, 4, 2, kToken}, header(111).u32(4).u32(2).blob(kToken)),
+        row("Spectate", Spectate{1, 4, "pw"}, header(112).u32(4).str("pw")),
+        row("SpectateAccepted", SpectateAccepted{1, 4, 40}, header(113).u32(4).u32(40)),
+        row("CatchUp", CatchUp{1, kWorld}, header(114).blob(kWorld)),
+        row("CatchUpDone", CatchUpDone{1, 4}, header(115).u32(4)),
+        row("CaughtUp", CaughtUp{}, std::move(Writer().u32(116))),
+        row("StateRequest", StateRequest{1, 9, 2}, header(117).u32(9).u32(2)),
+        row("StateSnapshot", StateSnapshot{1, 9, 30, kWorld}, header(118).u32(9).u32(30).blob(kWorld)),
+        row("WatchEnded", WatchEnded{1, 4, 1}, header(119).u32(4).u32(1)),
     };
 }
 

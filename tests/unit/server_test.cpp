@@ -284,6 +284,55 @@ TEST(Pacing, ClimbsOneMillisecondPer200IdleIterationsAndLogsMultiplesOf40) {
     EXPECT_EQ(p.idleCount, 0u);
 }
 
+TEST(Pacing, AStretchOfIdleIterationsCountsAndLogsAsOneAtATime) {
+    // The quiet loop waits through many idle iterations at once and may be
+    // woken anywhere in the stretch; what it counts and logs must be what
+    // turning for each one would have counted and logged.
+    Pacing one, many;
+    std::vector<std::uint32_t> loggedOne, loggedMany;
+    std::uint64_t seed = 12345;
+    auto next = [&seed](std::uint64_t bound) {
+        seed = seed * 6364136223846793005ull + 1442695040888963407ull;
+        return bound == 0 ? 0 : (seed >> 33) % bound;
+    };
+    for (int round = 0; round < 20000 && one.pollInterval < kMaxInterval; ++round) {
+        const IdleStretch stretch = planIdleStretch(many, next(4) == 0 ? 0 : next(3000));
+        std::uint64_t sum = 0;
+        Pacing walk = many;
+        for (std::uint32_t i = 0; i < stretch.iterations; ++i) {
+            sum += walk.pollInterval;
+            if (i + 1 < stretch.iterations) {
+                EXPECT_EQ(advancePacing(walk, false), 0u);
+            }
+        }
+        EXPECT_EQ(stretch.millis, sum);
+        const std::uint64_t elapsed = next(5) == 0 ? stretch.millis : next(stretch.millis + 1);
+        const std::uint32_t counted = countIdleIterations(many, stretch, elapsed);
+        ASSERT_LT(counted, stretch.iterations);
+        // The turn that ends the wait, idle or (now and then) active.
+        const bool active = next(50) == 0;
+        if (auto v = advancePacing(many, active)) loggedMany.push_back(v);
+        for (std::uint32_t i = 0; i < counted; ++i)
+            if (auto v = advancePacing(one, false)) loggedOne.push_back(v);
+        if (auto v = advancePacing(one, active)) loggedOne.push_back(v);
+        ASSERT_EQ(one.pollInterval, many.pollInterval);
+        ASSERT_EQ(one.idleCount, many.idleCount);
+    }
+    EXPECT_EQ(loggedMany, loggedOne);
+    EXPECT_FALSE(loggedOne.empty());
+    // A whole stretch spans its iterations; a budget of 0 is one interval.
+    Pacing p;
+    EXPECT_EQ(planIdleStretch(p, 0).iterations, 1u);
+    EXPECT_EQ(planIdleStretch(p, 0).millis, 2u);
+    // 200 iterations of 2 ms, then 200 of 3 ms: the interval rises, unlogged.
+    EXPECT_EQ(planIdleStretch(p, 1000).iterations, 400u);
+    EXPECT_EQ(planIdleStretch(p, 1000).millis, 1000u);
+    p.idleCount = 199;
+    p.pollInterval = 39;
+    // The next iteration logs 40: the loop turns for it.
+    EXPECT_EQ(planIdleStretch(p, 1000).iterations, 1u);
+}
+
 TEST(Health, TheLoopIsHealthyForTwoSecondsAfterATurnAndReadyOnceTheHostListens) {
     auto& m = metrics();
     EXPECT_EQ(loopHealth(5'000'000).status, 503);  // not turned yet

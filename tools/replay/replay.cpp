@@ -295,6 +295,22 @@ std::string describe(const Record& record) {
             if (!l) return line + malformed(record);
             return line + "lost " + quoted(l->why);
         }
+        case RecordType::away: {
+            Reader r(record.payload);
+            const std::uint32_t slot = r.u32();
+            if (!r.ok()) return line + malformed(record);
+            return line + "away slot " + std::to_string(slot);
+        }
+        case RecordType::rejoin: {
+            Reader r(record.payload);
+            const std::uint32_t slot = r.u32(), step = r.u32();
+            const ByteView snapshot = r.blob();
+            if (!r.ok()) return line + malformed(record);
+            return line + "rejoin slot " + std::to_string(slot) +
+                   (step == 0xFFFFFFFFu ? std::string(", no snapshot")
+                                        : ", snapshot of step " + std::to_string(step) + " length " +
+                                              std::to_string(snapshot.size()));
+        }
     }
     return line + "record type " + std::to_string(static_cast<unsigned>(record.type)) + " (unknown), " +
            std::to_string(record.payload.size()) + " bytes";

@@ -97,6 +97,9 @@ TEST(ReplayShow, OneLinePerRecord) {
         .left(1500, 1, 0, "bo\"b\x01")
         .left(1501, 0, 1, "alice")
         .lost(1600, "pending bytes over 1048576")
+        .add(RecordType::away, 1700, Writer().u32(2).take())
+        .add(RecordType::rejoin, 1800, Writer().u32(2).u32(0xFFFFFFFFu).blob(ByteView{}).take())
+        .add(RecordType::rejoin, 1900, Writer().u32(2).u32(40).blob(Bytes(5, 7)).take())
         .add(static_cast<RecordType>(42), 61700, {1, 2, 3})
         .add(RecordType::checksum, 61800, {1, 2, 3})
         .end(61900, 1, 12);
@@ -120,6 +123,9 @@ TEST(ReplayShow, OneLinePerRecord) {
         "1.500 left slot 1 \"bo\\\"b\\x01\" left",
         "1.501 left slot 0 \"alice\" disconnected",
         "1.600 lost \"pending bytes over 1048576\"",
+        "1.700 away slot 2",
+        "1.800 rejoin slot 2, no snapshot",
+        "1.900 rejoin slot 2, snapshot of step 40 length 5",
         "61.700 record type 42 (unknown), 3 bytes",
         "61.800 checksum (malformed, 3 bytes)",
         "61.900 end the server stopped, last step 12",
