@@ -2,13 +2,15 @@
 // benchmark prints, and the binary end to end against a relay that makes
 // every kind of mistake on purpose (each must be counted exactly), against
 // the bare relay it is measured with, and against the server; and the
-// flooding clients of the flood benchmark against the server.
+// flooding clients of the flood benchmark against the server; the catch-up
+// tool's reading of a match's stream, and the tool against the server.
 
 #include <arpa/inet.h>
 #include <atomic>
 #include <regex>
 
 #include "histogram.h"
+#include "stream.h"
 #include "support/e2e_support.h"
 
 using namespace e2e;
@@ -224,6 +226,87 @@ TEST(FloodRun, TheAttackModesAndTheUpdaterRunAgainstTheServer) {
     std::tie(status, line) = flood(port, {"--mode", "silent-download", "--file", "fill.bin", "--seconds", "0.2"});
     ASSERT_EQ(status, 0) << line;
     EXPECT_NE(line.find("took nothing"), std::string::npos) << line;
+}
+
+// One framed record as the server's recordings hold it.
+loadbot::Bytes record(std::uint8_t type, const loadbot::Bytes& payload) {
+    loadbot::Bytes out;
+    loadbot::putU32(out, static_cast<std::uint32_t>(payload.size()));
+    out.push_back(type);
+    loadbot::putU32(out, 1234);
+    out.insert(out.end(), payload.begin(), payload.end());
+    loadbot::putU32(out, loadbot::crc32(out.data() + 4, out.size() - 4));
+    return out;
+}
+
+loadbot::Bytes catchUpOf(const std::vector<loadbot::Bytes>& records) {
+    loadbot::Bytes blob;
+    for (const auto& r : records) blob.insert(blob.end(), r.begin(), r.end());
+    loadbot::Bytes out;
+    loadbot::putU32(out, loadbot::kCatchUp);
+    loadbot::putU32(out, 1);
+    loadbot::putU32(out, static_cast<std::uint32_t>(blob.size()));
+    out.insert(out.end(), blob.begin(), blob.end());
+    return out;
+}
+
+TEST(CatchUpStream, RecordsAreCheckedByFrameCrcAndSequence) {
+    const std::string digits = "123456789";
+    EXPECT_EQ(loadbot::crc32(reinterpret_cast<const std::uint8_t*>(digits.data()), digits.size()), 0xCBF43926u);
+
+    auto order = [](std::uint32_t step, std::uint32_t slot) {
+        return record(2, words({step, slot, 1, step, slot}));
+    };
+    loadbot::StreamCheck check;
+    check.strict = 0b01;  // slot 0 played throughout, slot 1 did not
+    const loadbot::Bytes first = catchUpOf({record(1, words({7})), order(1, 0), order(1, 1), record(3, words({1, 0}))});
+    ASSERT_TRUE(check.takeMessage(first.data(), first.size()));
+    const loadbot::Bytes second = catchUpOf({order(2, 0), order(5, 1), record(3, words({2, 0}))});
+    ASSERT_TRUE(check.takeMessage(second.data(), second.size()));
+    EXPECT_EQ(check.records, 7u);
+    EXPECT_EQ(check.orders, 4u);
+    EXPECT_EQ(check.completions, 2u);
+    EXPECT_EQ(check.headers, 1u);
+    EXPECT_EQ(check.errors(), 0u);
+    // The live relay goes on where the stream ended; a step of slot 0 or a
+    // completion missed, or one sent twice, is counted.
+    check.takeLiveOrder(0, 3);
+    check.takeLiveCompletion(3);
+    check.takeLiveOrder(0, 5);
+    check.takeLiveCompletion(3);
+    EXPECT_EQ(check.gaps, 1u);
+    EXPECT_EQ(check.repeats, 1u);
+
+    loadbot::Bytes damaged = catchUpOf({order(6, 0)});
+    damaged[20] ^= 1;
+    loadbot::StreamCheck other;
+    ASSERT_TRUE(other.takeMessage(damaged.data(), damaged.size()));
+    EXPECT_EQ(other.badFrames, 1u);
+    const loadbot::Bytes cut(second.begin(), second.end() - 3);
+    ASSERT_TRUE(other.takeMessage(cut.data(), cut.size()));
+    EXPECT_EQ(other.badFrames, 2u);
+}
+
+// A match of 4 players played fast, then one of them drops and rejoins twice:
+// each time the whole stream comes, whole records with nothing missing or
+// repeated up to the live relay, and the match goes on with it.
+TEST(CatchUpRun, RejoinsTwiceIntoAFastPlayedMatch) {
+    ServerProcess server(ServerOptions{.arguments = {"--rejoin", "30"}});
+    ASSERT_TRUE(server.start());
+    ServerProcess bot(ServerOptions{.arguments = {"--port", std::to_string(server.port()), "--players", "4", "--steps",
+                                                  "300", "--rejoins", "2", "--rejoin-after", "0.3", "--between", "0.3",
+                                                  "--server-pid", std::to_string(server.pid())},
+                                    .program = CATCHUP_BIN});
+    bot.launch();
+    ASSERT_EQ(bot.wait(60000), 0) << bot.consoleOutput() << bot.consoleErrors();
+    const std::string json = bot.consoleOutput();
+    EXPECT_EQ(jsonNumber(json, "catchups_done"), 2u);
+    EXPECT_EQ(jsonNumber(json, "errors"), 0u);
+    EXPECT_GE(jsonNumber(json, "stream_orders"), 4u * 300);
+    EXPECT_GT(jsonNumber(json, "last_live_orders"), 0u);
+    EXPECT_EQ(jsonNumber(json, "backs"), 2u * 3);
+    EXPECT_TRUE(server.waitForLog("Stream of room ", 2));
+    EXPECT_TRUE(server.waitForLog("Player caught up in room ", 2));
 }
 
 }  // namespace
