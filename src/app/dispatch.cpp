@@ -57,10 +57,7 @@ void malformed(const Incoming& in, std::string_view what) {
 
 using Handler = void (*)(const Incoming&);
 
-bool hasFeature(const Incoming& in, std::uint32_t feature) {
-    const auto* info = static_cast<const PeerInfo*>(in.peer->data);
-    return info != nullptr && (info->features & feature) != 0;
-}
+bool hasFeature(const Incoming& in, std::uint32_t feature) { return hasFeature(in.peer, feature); }
 
 // How each channel names a message type it does not know.
 constexpr const char* kUnknownType[kChannelCount] = {

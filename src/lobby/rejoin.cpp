@@ -16,11 +16,6 @@ namespace {
 
 constexpr std::uint32_t kNoSnapshot = 0xFFFFFFFFu;
 
-bool granted(const ENetPeer* peer, std::uint32_t feature) {
-    const auto* info = peer != nullptr ? static_cast<const PeerInfo*>(peer->data) : nullptr;
-    return info != nullptr && (info->features & feature) != 0;
-}
-
 void newToken(Slot& slot) { randomBytes(slot.token.data(), slot.token.size()); }
 
 // The rejoin as the recording keeps it: the slot, and the snapshot its
@@ -42,7 +37,7 @@ ENetPeer* snapshotSupplier(const Room& room, std::uint32_t rejoining) {
     for (std::uint32_t i = 0; i < kSlotCount; ++i) {
         const Slot& slot = room.slots[i];
         if (i != rejoining && slot.peer != nullptr && slot.state == PlayerState::connected &&
-            granted(slot.peer, kFeatureSnapshots))
+            hasFeature(slot.peer, kFeatureSnapshots))
             return slot.peer;
     }
     return nullptr;
@@ -55,7 +50,7 @@ void handOutRejoinTickets(RoomRegistry& rooms, Room& room) {
     // A client that knows nothing of rejoin cannot be told that a player is
     // away rather than gone: one such player, and a drop is a leave.
     for (const Slot& slot : room.slots)
-        if (slot.peer != nullptr && !granted(slot.peer, kFeatureRejoin)) return;
+        if (slot.peer != nullptr && !hasFeature(slot.peer, kFeatureRejoin)) return;
     room.rejoinable = true;
     for (std::uint32_t i = 0; i < kSlotCount; ++i) {
         Slot& slot = room.slots[i];
@@ -130,7 +125,7 @@ void rejoin(RoomRegistry& rooms, ENetPeer* peer, const Rejoin& request, std::uin
     slot.feed = beginFeed(refOf(peer), room->id, static_cast<std::int32_t>(index),
                           room->match.recording->file, 0, now);
     rooms.feeds.push_back(slot.feed);
-    ENetPeer* supplier = granted(peer, kFeatureSnapshots) ? snapshotSupplier(*room, index) : nullptr;
+    ENetPeer* supplier = hasFeature(peer, kFeatureSnapshots) ? snapshotSupplier(*room, index) : nullptr;
     if (supplier == nullptr) return recordRejoin(*room, index, kNoSnapshot, {});
     slot.feed->held = true;
     if (rooms.nextSnapshotRequest == 0) rooms.nextSnapshotRequest = 1;

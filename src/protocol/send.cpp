@@ -53,6 +53,11 @@ void setOutgoingLimit(std::uint64_t bytes) { outgoingLimit = bytes; }
 
 std::vector<ENetPeer*> takePeersOverOutgoingLimit() { return std::exchange(overLimit, {}); }
 
+bool hasFeature(const ENetPeer* peer, std::uint32_t feature) {
+    const auto* info = peer != nullptr ? static_cast<const PeerInfo*>(peer->data) : nullptr;
+    return info != nullptr && (info->features & feature) != 0;
+}
+
 std::uint64_t queuedForSending(const ENetPeer* peer) {
     return sumList(peer->outgoingCommands) + sumList(peer->sentReliableCommands) +
            sumList(peer->sentUnreliableCommands);

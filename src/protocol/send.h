@@ -108,6 +108,9 @@ struct PeerInfo {
     std::uint32_t features = 0;
 };
 
+// Whether the peer was granted the feature (a Feature bit) in its handshake.
+bool hasFeature(const ENetPeer* peer, std::uint32_t feature);
+
 // Bytes queued for sending to one peer (delivered to ENet but not yet
 // acknowledged) above which the peer is cut off; 0: no limit.
 void setOutgoingLimit(std::uint64_t bytes);
