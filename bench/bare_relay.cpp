@@ -280,16 +280,23 @@ int main(int argc, char** argv) {
 
     while (!stopRequested) {
         ENetEvent event;
-        while (enet_host_service(relay.host, &event, 0) > 0) {
+        if (receiveLatency) stamps.mark(TurnMark::turnBegin);
+        std::uint32_t events = 0;
+        for (; enet_host_service(relay.host, &event, 0) > 0; ++events) {
             const bool order = event.type == ENET_EVENT_TYPE_RECEIVE;
             const std::uint8_t channel = event.channelID;
             ENetPeer* peer = event.peer;
             handle(relay, event);
             if (receiveLatency && order) stamps.handled(channel, peer);
         }
-        if (receiveLatency) stamps.sent();
+        if (receiveLatency) {
+            stamps.mark(TurnMark::drainEnd, static_cast<std::uint32_t>(events));
+            stamps.sent();
+        }
         enet_uint32 condition = ENET_SOCKET_WAIT_RECEIVE | ENET_SOCKET_WAIT_INTERRUPT;
+        if (receiveLatency) stamps.mark(TurnMark::waitBegin, 10);
         enet_socket_wait(relay.host->socket, &condition, 10);
+        if (receiveLatency) stamps.mark(TurnMark::waitEnd);
     }
 
     for (std::size_t i = 0; i < relay.host->peerCount; ++i) {
@@ -302,6 +309,8 @@ int main(int argc, char** argv) {
     if (receiveLatency) {
         stamps.uninstall();
         std::printf("bare_relay: receive to send: %s\n", stamps.summary().c_str());
+        for (const std::string& line : stamps.slowestBatches()) std::printf("bare_relay: slow batch: %s\n", line.c_str());
+        for (const std::string& line : stamps.anatomy()) std::printf("bare_relay: batches, %s\n", line.c_str());
         std::fflush(stdout);
     }
     enet_host_flush(relay.host);

@@ -35,6 +35,15 @@ std::string brokenInvariant(const Server& s) {
         if (room->started && room->open) return "started but open";
     }
     if (s.rooms.places.size() != placed.size()) return "the place index holds peers in no slot";
+    std::uint32_t away = 0;
+    for (const auto& [id, room] : s.rooms.byId) {
+        std::uint32_t awayHere = 0;
+        for (const Slot& slot : room->slots) awayHere += slot.state == PlayerState::away;
+        away += awayHere;
+        if (!s.rooms.mayHoldEmptyRoom && humanCount(*room) == 0 && awayHere == 0)
+            return "room " + std::to_string(id) + " is empty, and the room work would not look for it";
+    }
+    if (away != s.rooms.awaySeats) return "the count of away seats is off";
     std::size_t streams = 0;
     for (const auto& [peer, watcher] : s.rooms.watchers) {
         if (placed.count(peer) != 0) return "a spectator holds a slot";

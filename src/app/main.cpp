@@ -87,9 +87,11 @@ void waitForTraffic(Server& server, std::uint64_t intervalMs, int keysFd = -1) {
         sleepMilliseconds(static_cast<std::uint32_t>(intervalMs));
         return;
     }
+    if (server.receiveStamps) server.receiveStamps->mark(TurnMark::waitBegin, static_cast<std::uint32_t>(intervalMs));
     if (!waitForSocketOrWakeup(static_cast<int>(server.host->socket), server.inbox.wakeup(),
                                static_cast<int>(intervalMs), keysFd))
         sleepMilliseconds(static_cast<std::uint32_t>(intervalMs));
+    if (server.receiveStamps) server.receiveStamps->mark(TurnMark::waitEnd);
 }
 
 // Nothing but a packet, a key, a post or the clock can give the loop work:
@@ -341,6 +343,8 @@ int main(int argc, char** argv) {
     if (server->receiveStamps) {
         server->receiveStamps->uninstall();
         logMessage("Receive to send: " + server->receiveStamps->summary());
+        for (const std::string& line : server->receiveStamps->slowestBatches()) logMessage("Slow batch: " + line);
+        for (const std::string& line : server->receiveStamps->anatomy()) logMessage("Batches, " + line);
     }
     wakeOnSignals(-1);
     endConsoleKeys();

@@ -27,7 +27,8 @@ void runRoomWork(Server& server) {
     checkRoomStarts(server.rooms);
     releaseExpiredSeats(server.rooms, steadyMicros());
     for (auto& [id, room] : server.rooms.byId)
-        if (room->running) adaptOrderDelay(room->match, audienceOf(*room));
+        if (room->running)
+            adaptOrderDelay(room->match, orderDelayPasses(room->match) ? audienceOf(*room) : Audience{});
 }
 
 namespace {
@@ -55,6 +56,7 @@ bool due(std::uint64_t& last, std::uint64_t periodMicros) {
 bool serviceStep(Server& server) {
     if (server.host == nullptr) return false;
     LoopClocks& clocks = server.clocks;
+    if (server.receiveStamps) server.receiveStamps->mark(TurnMark::turnBegin);
     checkPeriodicDump(server, localTimeThisSecond(clocks));
 
     bool handled = false;
@@ -96,6 +98,7 @@ bool serviceStep(Server& server) {
         }
     }
     server.eventsLeft = events == kMaxEventsPerTurn;
+    if (server.receiveStamps) server.receiveStamps->mark(TurnMark::drainEnd, static_cast<std::uint32_t>(events));
     // A service that handed over no event has sent all that was queued.
     if (server.receiveStamps && !server.eventsLeft) server.receiveStamps->sent();
     // Completions are the server's own work coming back, not traffic: only
@@ -117,7 +120,11 @@ bool serviceStep(Server& server) {
     // wakes on every packet, so the room work keeps that pace at most instead
     // of running once per wake-up: a busy server would otherwise decide delays
     // many times a second and walk every room for every packet.
-    if (due(clocks.roomWork, kRoomWorkPeriodMs * 1000)) runRoomWork(server);
+    if (due(clocks.roomWork, kRoomWorkPeriodMs * 1000)) {
+        if (server.receiveStamps) server.receiveStamps->mark(TurnMark::roomWorkBegin);
+        runRoomWork(server);
+        if (server.receiveStamps) server.receiveStamps->mark(TurnMark::roomWorkEnd);
+    }
     // Recorded matches hand their records to the worker in batches, about
     // ten a second: a write per order would cost the worker, and a batch a
     // second would hold more of a busy match in memory.
@@ -127,5 +134,6 @@ bool serviceStep(Server& server) {
     // Ten times a second is often enough to see partial messages pile up: a
     // peer adds at most the host's bandwidth in that time.
     if (due(clocks.waitingCheck, 100'000)) cutOffOverWaitingTotal(server);
+    if (server.receiveStamps) server.receiveStamps->mark(TurnMark::turnEnd);
     return handled;
 }

@@ -60,7 +60,9 @@ void pass(Match& match, const Audience& audience) {
 
 std::uint32_t peerRoundTripTime(const ENetPeer* peer) { return peer->roundTripTime; }
 
+bool orderDelayPasses(const Match& match) { return match.delayTicks >= kTicksPerPass; }
+
 void adaptOrderDelay(Match& match, const Audience& audience) {
-    if (match.delayTicks >= kTicksPerPass) pass(match, audience);
+    if (orderDelayPasses(match)) pass(match, audience);
     ++match.delayTicks;
 }

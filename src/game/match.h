@@ -93,8 +93,10 @@ void holdDelay(Match& match);
 void requestLongerDelay(Match& match);
 
 // ---- Order delay (delay.cpp) ----
-// Once per room work for a running match.
+// Once per room work for a running match. Only the calls that pass look at
+// the audience, so the caller need not gather it for the others.
 void adaptOrderDelay(Match& match, const Audience& audience);
+bool orderDelayPasses(const Match& match);
 // The controller's view of a peer's round-trip time in milliseconds.
 std::uint32_t peerRoundTripTime(const ENetPeer* peer);
 

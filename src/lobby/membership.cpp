@@ -216,6 +216,8 @@ void vacateSlot(RoomRegistry& rooms, Room& room, std::uint32_t index, bool disco
 
     stopFeed(rooms, slot.feed);
     if (slot.peer != nullptr) leaveSlot(rooms, room, index);
+    if (slot.state == PlayerState::away) rooms.awaySeats -= 1;
+    rooms.mayHoldEmptyRoom = true;
     slot.info.reset();
     slot.state = PlayerState::connected;
     slot.token = {};

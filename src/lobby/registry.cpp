@@ -55,6 +55,7 @@ void takeSlot(RoomRegistry& rooms, Room& room, std::uint32_t slot, ENetPeer* pee
 void leaveSlot(RoomRegistry& rooms, Room& room, std::uint32_t slot) {
     rooms.places.erase(room.slots[slot].peer);
     room.slots[slot].peer = nullptr;
+    rooms.mayHoldEmptyRoom = true;
 }
 
 void compactSlots(RoomRegistry& rooms, Room& room) {

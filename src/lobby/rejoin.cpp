@@ -69,6 +69,7 @@ void keepSeat(RoomRegistry& rooms, Room& room, std::uint32_t index) {
     slot.snapshotRequest = 0;
     leaveSlot(rooms, room, index);
     slot.state = PlayerState::away;
+    rooms.awaySeats += 1;
     slot.awayUntilMicros = steadyMicros() + rooms.access.awayMicros;
     if (room.match.recording) record(room.match.recording, RecordType::away, Writer(4).u32(index).take());
     sendToHumans(room, kMatchControlChannel, encode(PlayerAway{1, index}));
@@ -115,6 +116,7 @@ void rejoin(RoomRegistry& rooms, ENetPeer* peer, const Rejoin& request, std::uin
     Slot& slot = room->slots[index];
     takeSlot(rooms, *room, index, peer);
     slot.state = PlayerState::rejoining;
+    rooms.awaySeats -= 1;
     slot.awayUntilMicros = 0;
     newToken(slot);  // the one presented is spent
     sendBytes(peer, kLobbyChannel, encode(RejoinAccepted{1, room->id, index, ByteView(slot.token)}));
@@ -175,6 +177,7 @@ void receiveSnapshot(RoomRegistry& rooms, ENetPeer* peer, const StateSnapshot& s
 }
 
 void releaseExpiredSeats(RoomRegistry& rooms, std::uint64_t now) {
+    if (rooms.awaySeats == 0) return;
     for (auto& [id, room] : rooms.byId)
         for (std::uint32_t i = 0; i < kSlotCount; ++i)
             if (room->slots[i].state == PlayerState::away && now >= room->slots[i].awayUntilMicros)

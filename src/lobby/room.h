@@ -162,6 +162,13 @@ struct RoomRegistry {
     // Refused rejoins by address.
     std::unordered_map<std::uint32_t, JoinFailures> rejoinFailures;
     std::uint32_t nextSnapshotRequest = 1;
+    // The room work runs every couple of milliseconds and a walk of every
+    // room's slots is most of its cost, so the walks that look for rare
+    // states run only while the state can be there: a room may be empty
+    // only after a slot was left or a room made, and a seat can expire only
+    // while one is away.
+    bool mayHoldEmptyRoom = false;
+    std::uint32_t awaySeats = 0;
 };
 
 // The room and slot of a player's connection, or nullptr.

@@ -39,6 +39,7 @@ Room* createRoom(RoomRegistry& rooms, ENetPeer* peer, const CreateRoom& request)
     room->sharedSettings = SharedMessage(room->settings.bytes);
     Room& ref = *room;
     rooms.byId.emplace(ref.id, std::move(room));
+    rooms.mayHoldEmptyRoom = true;
     rooms.nextRoomId += 1;
 
     // hostSlot is already 0, so the creator first hears that it is no longer
@@ -139,6 +140,7 @@ std::vector<ENetPeer*> textRecipients(const RoomRegistry& rooms, const std::set<
 }
 
 std::unique_ptr<Room> deleteEmptyRoom(RoomRegistry& rooms) {
+    if (!rooms.mayHoldEmptyRoom) return nullptr;
     auto it = rooms.byId.begin();
     // A seat that waits for its player keeps the room.
     auto inUse = [](const Room& room) {
@@ -147,7 +149,10 @@ std::unique_ptr<Room> deleteEmptyRoom(RoomRegistry& rooms) {
                });
     };
     while (it != rooms.byId.end() && inUse(*it->second)) ++it;
-    if (it == rooms.byId.end()) return nullptr;
+    if (it == rooms.byId.end()) {
+        rooms.mayHoldEmptyRoom = false;
+        return nullptr;
+    }
     std::unique_ptr<Room> room = std::move(it->second);
     endSpectating(rooms, *room);
     logMessage("Empty room \"" + printable(room->name) + "\" with ID " + std::to_string(room->id) + " deleted. ");

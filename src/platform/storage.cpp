@@ -63,11 +63,13 @@ bool Storage::submit(Job job, std::size_t bytes, Owner owner) {
 }
 
 std::size_t Storage::poll() {
+    // Every turn of the loop polls; an empty deque still allocates, so it
+    // is made only when something is done.
+    std::unique_lock<std::mutex> lock(mutex_);
+    if (done_.empty()) return 0;
     std::deque<Completion> ready;
-    {
-        std::lock_guard<std::mutex> lock(mutex_);
-        ready.swap(done_);
-    }
+    ready.swap(done_);
+    lock.unlock();
     for (Completion& c : ready)
         if (c) c();
     return ready.size();
