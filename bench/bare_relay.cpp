@@ -11,14 +11,19 @@
 // confirmation and go notice. Everything else, and every refusal, is dropped
 // without a word. It shares no code with the server on purpose.
 //
-// Usage: bare_relay [--port N] [--receive-latency]   (0 or none: a free port;
-// the chosen one is printed as "bare_relay: listening on port N"). With
-// --receive-latency the server's own instrument times every order from the
-// kernel's receive to the hand-over of its relay, printed at the end as
-// "bare_relay: receive to send: ...". It is the one piece of the server here:
-// the same instrument on both sides, so their figures compare.
+// Usage: bare_relay [--port N] [--receive-latency] [--idle-threads N]
+// (port 0 or none: a free port; the chosen one is printed as "bare_relay:
+// listening on port N"). With --receive-latency the server's own instrument
+// times every order from the kernel's receive to the hand-over of its relay,
+// printed at the end as "bare_relay: receive to send: ...", with the slowest
+// batches traced turn by turn. It is the one piece of the server here: the
+// same instrument on both sides, so their figures compare. --idle-threads N
+// starts N threads that only wait, to measure what being a process of more
+// than one thread costs, apart from the server's own work.
 
 #include <csignal>
+#include <future>
+#include <thread>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
@@ -243,13 +248,16 @@ void handle(Relay& relay, ENetEvent& event) {
 int main(int argc, char** argv) {
     unsigned long port = 0;
     bool receiveLatency = false;
+    unsigned long idleThreads = 0;
     for (int i = 1; i < argc; ++i) {
         if (std::strcmp(argv[i], "--port") == 0 && i + 1 < argc) {
             port = std::strtoul(argv[++i], nullptr, 10);
         } else if (std::strcmp(argv[i], "--receive-latency") == 0) {
             receiveLatency = true;
+        } else if (std::strcmp(argv[i], "--idle-threads") == 0 && i + 1 < argc) {
+            idleThreads = std::strtoul(argv[++i], nullptr, 10);
         } else {
-            std::fprintf(stderr, "usage: bare_relay [--port N] [--receive-latency]\n");
+            std::fprintf(stderr, "usage: bare_relay [--port N] [--receive-latency] [--idle-threads N]\n");
             return 2;
         }
     }
@@ -260,6 +268,13 @@ int main(int argc, char** argv) {
     std::signal(SIGINT, onSignal);
     std::signal(SIGTERM, onSignal);
     if (enet_initialize() != 0) return 1;
+    // Threads that only wait, as many as the server keeps beside its loop:
+    // a process with more than one thread pays for it in every system call
+    // on a descriptor and in every allocation, and this separates that cost
+    // from the server's own work.
+    std::promise<void> never;
+    const std::shared_future<void> forever = never.get_future().share();
+    for (unsigned long i = 0; i < idleThreads; ++i) std::thread([forever] { forever.wait(); }).detach();
 
     Relay relay;
     ENetAddress address{};

@@ -8,6 +8,7 @@
 #
 #   bench/run_tail.sh [--build DIR] [--rooms 128] [--players 8] [--rate 20]
 #                     [--seconds 20] [--runs 3] [--pin] [--idle] [--out DIR]
+#                     [--bare-threads N]
 #
 # --pin puts the server (or the bare relay) on core 0 and the load generator
 # on core 1 with taskset, the same way on both sides; without it neither is
@@ -15,10 +16,16 @@
 # and compares CPU only. A run whose generator sent late (its send lag p99
 # above LAG_MS, 1 ms by default) is marked "behind" and left out of the
 # medians: its figures are the generator's, not the relay's.
+#
+# --bare-threads N gives the bare relay N threads that only wait (the server
+# has 3 beside its loop), to tell the cost of being a process of several
+# threads from the server's own work. Each run's trace of its slowest
+# batches and the anatomy of its batches (what the slowest hundredth had in
+# common) go into OUT/traces.txt.
 
 set -euo pipefail
 
-BUILD=build ROOMS=128 PLAYERS=8 RATE=20 SECONDS_PER_RUN=20 RUNS=3 PIN=0 IDLE=0 OUT=""
+BUILD=build ROOMS=128 PLAYERS=8 RATE=20 SECONDS_PER_RUN=20 RUNS=3 PIN=0 IDLE=0 OUT="" BARE_THREADS=0
 LAG_MS=${LAG_MS:-1}
 while [ $# -gt 0 ]; do
   case "$1" in
@@ -31,6 +38,7 @@ while [ $# -gt 0 ]; do
     --pin) PIN=1; shift ;;
     --idle) IDLE=1; shift ;;
     --out) OUT=$2; shift 2 ;;
+    --bare-threads) BARE_THREADS=$2; shift 2 ;;
     -h|--help) awk 'NR > 1 && /^#/ { sub(/^# ?/, ""); print; next } NR > 1 { exit }' "$0"; exit 0 ;;
     *) echo "run_tail.sh: unknown option $1" >&2; exit 2 ;;
   esac
@@ -68,7 +76,7 @@ start_target() {
       [ -n "$TARGET_PORT" ] && break; sleep 0.05
     done
   else
-    ${TARGET_CPU[@]+"${TARGET_CPU[@]}"} "$RELAY_BIN" --port 0 --receive-latency </dev/null >"$WORK/relay.out" 2>&1 &
+    ${TARGET_CPU[@]+"${TARGET_CPU[@]}"} "$RELAY_BIN" --port 0 --receive-latency --idle-threads "$BARE_THREADS" </dev/null >"$WORK/relay.out" 2>&1 &
     TARGET_PID=$!
     for _ in $(seq 100); do
       TARGET_PORT=$(sed -n 's/^bare_relay: listening on port \([0-9]*\)$/\1/p' "$WORK/relay.out" 2>/dev/null || true)
@@ -100,8 +108,10 @@ stop_target() {
   if [ "$1" = server ]; then
     for _ in $(seq 60); do grep -q "## Ending log" "$WORK/root/server.log" 2>/dev/null && break; sleep 0.05; done
     sed -n 's/^: Receive to send: //p' "$WORK/root/server.log"
+    sed -n 's/^: Slow batch: /  slow batch: /p; s/^: Batches, /  batches, /p' "$WORK/root/server.log" >"$WORK/trace"
   else
     sed -n 's/^bare_relay: receive to send: //p' "$WORK/relay.out"
+    sed -n 's/^bare_relay: slow batch: /  slow batch: /p; s/^bare_relay: batches, /  batches, /p' "$WORK/relay.out" >"$WORK/trace"
   fi
 }
 
@@ -121,6 +131,7 @@ for run in $(seq "$RUNS"); do
       --port "$TARGET_PORT" --server-pid "$TARGET_PID" --label "$side" --quiet ${extra[@]+"${extra[@]}"} || true)
     threads=$(threads_of)
     inside=$(stop_target "$side")
+    { echo "run $run, $side:"; cat "$WORK/trace"; } >>"$OUT/traces.txt"
     echo "{\"run\":$run,\"side\":\"$side\",\"pinned\":$PIN,\"inside\":\"$inside\",\"threads\":\"$threads\",\"load\":$line}" >>"$OUT/tail.jsonl"
     echo "  run $run, $side: threads (wake-ups/ready-but-waiting) $threads" >&2
     echo "$run $side $line" >>"$OUT/.lines"
