@@ -221,7 +221,7 @@ void onResyncReport(const Incoming& in, const Place& place, ResyncReport& m) {
                        in.server.limits.resyncBytesPerRoom, refOf(in.peer).connection);
 }
 void onOrder(const Incoming& in, const Place& place, Order& m) {
-    handleOrder(place.room->match, matchView(*place.room), place.slot, m, in.packet);
+    handleOrder(place.room->match, matchView(*place.room), place.slot, m, in.packet, in.received);
 }
 
 // ---- Reports ----

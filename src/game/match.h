@@ -81,9 +81,10 @@ void pruneBehindStepWindow(const Match& match, Entries& entries) {
     if (match.lastCompletedStep <= kStepWindow) return;
     entries.erase(entries.begin(), entries.lower_bound(match.lastCompletedStep - kStepWindow));
 }
-// An order from the peer in senderSlot; packet is the order as it came.
+// An order from the peer in senderSlot; packet is the order as it came, and
+// received the loop's hold on the ENet packet it came in, if any.
 void handleOrder(Match& match, const MatchView& view, std::uint32_t senderSlot, const Order& order,
-                 ByteView packet);
+                 ByteView packet, ENetPacket** received = nullptr);
 // Records that slot finished step; announces the step to the audience once
 // every counted player has. Slots outside 0..7 are ignored.
 void markStepDone(Match& match, const MatchView& view, std::int32_t slot, std::uint32_t step);

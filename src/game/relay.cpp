@@ -4,7 +4,7 @@
 #include "log/metrics.h"
 
 void handleOrder(Match& match, const MatchView& view, std::uint32_t senderSlot, const Order& order,
-                 ByteView packet) {
+                 ByteView packet, ENetPacket** received) {
     if (order.step > match.resyncStep) return;
     // A player back from a lost connection is sent the relay before steps
     // wait for it again: until it says it caught up, its reports of steps
@@ -23,7 +23,7 @@ void handleOrder(Match& match, const MatchView& view, std::uint32_t senderSlot, 
     } else {
         if (view.audience.players[senderSlot] == nullptr) return;
         // The bytes as they came, never re-encoded.
-        sendToAudience(view.audience, kOrderChannel, packet, view.audience.players[senderSlot]);
+        sendToAudience(view.audience, kOrderChannel, packet, view.audience.players[senderSlot], received);
         if (match.recording)
             record(match.recording, RecordType::order, Writer(8 + packet.size()).u32(order.step).u32(senderSlot).bytes(packet).take());
     }

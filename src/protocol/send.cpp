@@ -179,7 +179,8 @@ void sendShared(ENetPeer* peer, std::uint8_t channel, const SharedMessage& messa
     enet_peer_send(peer, channel, message.packet());
 }
 
-void sendBytesToMany(ENetPeer* const* peers, std::size_t count, std::uint8_t channel, ByteView bytes) {
+void sendBytesToMany(ENetPeer* const* peers, std::size_t count, std::uint8_t channel, ByteView bytes,
+                     ENetPacket** received) {
     // A room's seats fit on the stack; only the lobby-wide text relay is
     // bigger.
     ENetPeer* few[kSlotCount];
@@ -194,14 +195,26 @@ void sendBytesToMany(ENetPeer* const* peers, std::size_t count, std::uint8_t cha
         for (std::size_t i = 0; i < n; ++i) recorder(admitted[i], channel, bytes);
         return;
     }
-    ENetPacket* packet = enet_packet_create(bytes.data(), bytes.size(), ENET_PACKET_FLAG_RELIABLE);
+    // A relay sends on what the loop already holds: a copy per order would
+    // cost an allocation and a copy more than the packet it came in, which
+    // ENet frees once every receiver has acknowledged it. Only a reliable
+    // one, since every relay is reliable however the order came.
+    ENetPacket* const held = received != nullptr ? *received : nullptr;
+    const bool sendOn = held != nullptr && held->data == bytes.data() && held->dataLength == bytes.size() &&
+                        (held->flags & ENET_PACKET_FLAG_RELIABLE) != 0;
+    ENetPacket* packet = sendOn ? held : enet_packet_create(bytes.data(), bytes.size(), ENET_PACKET_FLAG_RELIABLE);
     if (packet == nullptr) return;
     for (std::size_t i = 0; i < n; ++i) enet_peer_send(admitted[i], channel, packet);
+    if (sendOn) {
+        if (packet->referenceCount != 0) *received = nullptr;
+        return;
+    }
     // Nobody took it (every send refused): ENet would never free it.
     if (packet->referenceCount == 0) enet_packet_destroy(packet);
 }
 
-void sendToAudience(const Audience& audience, std::uint8_t channel, ByteView bytes, const ENetPeer* except) {
+void sendToAudience(const Audience& audience, std::uint8_t channel, ByteView bytes, const ENetPeer* except,
+                    ENetPacket** received) {
     ENetPeer* targets[kSlotCount + kMaxSpectatorsPerRoom];
     std::size_t n = 0;
     for (ENetPeer* peer : audience.players)
@@ -210,7 +223,7 @@ void sendToAudience(const Audience& audience, std::uint8_t channel, ByteView byt
         if (n == std::size(targets)) break;
         if (peer != except) targets[n++] = peer;
     }
-    sendBytesToMany(targets, n, channel, bytes);
+    sendBytesToMany(targets, n, channel, bytes, received);
 }
 
 void sendToPlayers(const Audience& audience, std::uint8_t channel, ByteView bytes, const ENetPeer* except) {

@@ -66,8 +66,11 @@ private:
     ByteView bytes_;
 };
 
-// The same bytes to several peers: one reference-counted ENet packet.
-void sendBytesToMany(ENetPeer* const* peers, std::size_t count, std::uint8_t channel, ByteView bytes);
+// The same bytes to several peers: one reference-counted ENet packet. When
+// received holds the reliable packet those very bytes came in, that packet
+// is sent on rather than a copy, and *received is cleared once ENet holds it.
+void sendBytesToMany(ENetPeer* const* peers, std::size_t count, std::uint8_t channel, ByteView bytes,
+                     ENetPacket** received = nullptr);
 
 // Spectators one room may have at most: what a send to a room's audience
 // gathers on the stack.
@@ -82,8 +85,9 @@ struct Audience {
 };
 
 // The bytes, as one shared packet, to the players and then the spectators
-// (except one peer, when given).
-void sendToAudience(const Audience& audience, std::uint8_t channel, ByteView bytes, const ENetPeer* except = nullptr);
+// (except one peer, when given); received as for sendBytesToMany.
+void sendToAudience(const Audience& audience, std::uint8_t channel, ByteView bytes, const ENetPeer* except = nullptr,
+                    ENetPacket** received = nullptr);
 // The bytes to the players alone: what belongs to the room rather than to
 // its match.
 void sendToPlayers(const Audience& audience, std::uint8_t channel, ByteView bytes, const ENetPeer* except = nullptr);
