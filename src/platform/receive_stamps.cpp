@@ -40,6 +40,9 @@ std::int64_t realtimeNanos() {
 
 std::uint16_t wordAt(const std::uint8_t* p) { return static_cast<std::uint16_t>(p[0] << 8 | p[1]); }
 
+// A span of nanoseconds as the 32 bits a sample keeps (4.29 s at most).
+std::uint32_t nanos32(std::int64_t d) { return static_cast<std::uint32_t>(std::clamp<std::int64_t>(d, 0, 0xFFFFFFFF)); }
+
 }  // namespace
 
 void ReceiveStamps::install(ENetHost* host) {
@@ -122,10 +125,10 @@ void ReceiveStamps::sent() {
     for (std::int64_t at : pending_) {
         oldest = std::min(oldest, at);
         if (nanos_.size() < kMaxSamples)
-            nanos_.push_back(static_cast<std::uint32_t>(std::clamp<std::int64_t>(now - at, 0, 0xFFFFFFFF)));
+            nanos_.push_back(nanos32(now - at));
     }
     marks_[nextMark_++ % marks_.size()] = Mark{now, static_cast<std::uint32_t>(pending_.size()), TurnMark::flush};
-    keepIfSlow(now, oldest, pending_.size());
+    traceBatch(now, oldest, pending_.size());
     pending_.clear();
 }
 
@@ -133,11 +136,11 @@ void ReceiveStamps::mark(TurnMark what, std::uint32_t arg) {
     marks_[nextMark_++ % marks_.size()] = Mark{realtimeNanos(), arg, what};
 }
 
-void ReceiveStamps::keepIfSlow(std::int64_t now, std::int64_t oldest, std::size_t messages) {
+void ReceiveStamps::traceBatch(std::int64_t now, std::int64_t oldest, std::size_t messages) {
     const std::int64_t worst = now - oldest;
     if (anatomies_.size() < kMaxSamples / 8) {
         Anatomy a;
-        a.worst = static_cast<std::uint32_t>(std::clamp<std::int64_t>(worst, 0, 0xFFFFFFFF));
+        a.worst = nanos32(worst);
         // The marks of the window, oldest first, and the one before it: what
         // the loop was doing when the batch's first datagram came.
         const std::size_t count = std::min(nextMark_, marks_.size());
@@ -149,17 +152,16 @@ void ReceiveStamps::keepIfSlow(std::int64_t now, std::int64_t oldest, std::size_
         std::int64_t turnAt = -1;
         for (std::size_t i = first - 1; i >= 1; --i) {
             const Mark& m = marks_[(nextMark_ - i) % marks_.size()];
-            auto ns = [](std::int64_t d) { return static_cast<std::uint32_t>(std::clamp<std::int64_t>(d, 0, 0xFFFFFFFF)); };
             switch (m.what) {
                 case TurnMark::waitEnd:
-                    if (a.arrived == 0 && a.wake == 0) a.wake = ns(m.at - oldest);
+                    if (a.arrived == 0 && a.wake == 0) a.wake = nanos32(m.at - oldest);
                     break;
                 case TurnMark::turnBegin:
                     if (turnAt < 0) turnAt = m.at;
                     break;
                 case TurnMark::roomWorkBegin: roomsFrom = m.at; break;
                 case TurnMark::roomWorkEnd:
-                    if (roomsFrom >= 0) a.rooms += ns(m.at - roomsFrom);
+                    if (roomsFrom >= 0) a.rooms += nanos32(m.at - roomsFrom);
                     roomsFrom = -1;
                     break;
                 case TurnMark::drainEnd:
@@ -171,7 +173,7 @@ void ReceiveStamps::keepIfSlow(std::int64_t now, std::int64_t oldest, std::size_
                 default: break;
             }
         }
-        a.handling = static_cast<std::uint32_t>(std::clamp<std::int64_t>(now - (turnAt < 0 ? oldest : turnAt), 0, 0xFFFFFFFF));
+        a.handling = nanos32(now - (turnAt < 0 ? oldest : turnAt));
         anatomies_.push_back(a);
     }
     auto least = std::min_element(slowest_.begin(), slowest_.end(),

@@ -92,5 +92,6 @@ private:
         std::uint8_t flushes = 0;      // hand-overs inside the window before its own
     };
     std::vector<Anatomy> anatomies_;
-    void keepIfSlow(std::int64_t now, std::int64_t oldest, std::size_t messages);
+    // Files a batch's anatomy, and its trace when it is among the slowest.
+    void traceBatch(std::int64_t now, std::int64_t oldest, std::size_t messages);
 };
