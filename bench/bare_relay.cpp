@@ -18,8 +18,8 @@
 // printed at the end as "bare_relay: receive to send: ...", with the slowest
 // batches traced turn by turn. It is the one piece of the server here: the
 // same instrument on both sides, so their figures compare. --idle-threads N
-// starts N threads that only wait, to measure what being a process of more
-// than one thread costs, apart from the server's own work.
+// starts N threads that only wait, to tell whether being a process of
+// several threads costs anything apart from the server's own work.
 
 #include <csignal>
 #include <future>
@@ -269,9 +269,9 @@ int main(int argc, char** argv) {
     std::signal(SIGTERM, onSignal);
     if (enet_initialize() != 0) return 1;
     // Threads that only wait, as many as the server keeps beside its loop:
-    // a process with more than one thread pays for it in every system call
-    // on a descriptor and in every allocation, and this separates that cost
-    // from the server's own work.
+    // the C library and the kernel take slower paths in a process of several
+    // threads (allocator locks, reference counts on descriptors), and these
+    // tell that cost apart from the server's own work.
     std::promise<void> never;
     const std::shared_future<void> forever = never.get_future().share();
     for (unsigned long i = 0; i < idleThreads; ++i) std::thread([forever] { forever.wait(); }).detach();
