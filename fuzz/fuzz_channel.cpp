@@ -9,6 +9,7 @@
 
 #include "app/service.h"
 #include "fuzz_common.h"
+#include "platform/clock.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     static const std::uint8_t channels[] = {FUZZ_CHANNELS};
@@ -23,7 +24,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         while (end < size && !(data[end] == 0xFE && end + 1 < size && data[end + 1] == 0xFE)) ++end;
         std::uint8_t channel = channels[head % sizeof channels];
         fuzz.receive((head >> 4) % 3, channel, data + pos, end - pos);
-        runRoomWork(fuzz.server);
+        runRoomWork(fuzz.server, steadyMicros());
         pos = end + 2;
     }
     return 0;

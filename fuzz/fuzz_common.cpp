@@ -42,6 +42,8 @@ FuzzServer::FuzzServer(std::size_t peerCount) {
         std::uint8_t ip[4] = {127, 0, 0, static_cast<std::uint8_t>(i + 1)};
         std::memcpy(&p->address.host, ip, 4);
         p->address.port = static_cast<enet_uint16>(4000 + i);
+        // As a host numbers its peers.
+        p->incomingPeerID = static_cast<enet_uint16>(i);
         peers_.push_back(std::move(p));
     }
     setPacketRecorder([this](ENetPeer*, std::uint8_t, ByteView) { ++sentPackets; });
@@ -58,7 +60,7 @@ FuzzServer::FuzzServer(std::size_t peerCount) {
 
 FuzzServer::~FuzzServer() {
     for (ENetPeer* p : server.peers) {
-        delete static_cast<PeerInfo*>(p->data);
+        delete recordOf(p);
         p->data = nullptr;
     }
     setPacketRecorder(nullptr);
@@ -77,5 +79,5 @@ void FuzzServer::disconnect(std::size_t i) { handleDisconnect(server, peer(i)); 
 
 void FuzzServer::receive(std::size_t i, std::uint8_t channel, const std::uint8_t* data, std::size_t size) {
     server.bytesReceived += static_cast<std::uint32_t>(size);
-    dispatchPacket(server, peer(i), channel, ByteView(data, size));
+    dispatchPacket(server, peer(i), channel, ByteView(data, size), steadyMicros());
 }

@@ -50,7 +50,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
                 now += next();
                 setClockForTests(now);
                 checkPeriodicDump(fuzz.server, localNow());
-                runRoomWork(fuzz.server);
+                runRoomWork(fuzz.server, steadyMicros());
                 turnStreams(fuzz.server.rooms, steadyMicros());
                 break;
         }

@@ -23,7 +23,7 @@ struct Incoming {
     std::uint8_t channel;
     ByteView packet;
     PeerBudget& budget;
-    AddressBudget* address;  // null once the address has no record
+    AddressBudget* address;
     std::uint64_t now;
     ENetPacket** received;  // may be null
 };
@@ -356,22 +356,14 @@ const Route* findRoute(std::uint8_t channel, std::uint32_t type) {
 
 }  // namespace
 
-void dispatchPacket(Server& server, ENetPeer* peer, std::uint8_t channel, ByteView packet, ENetPacket** received) {
-    // Every registered peer has a budget, so one look-up tells both.
-    const auto budget = server.budgets.find(peer);
-    if (budget == server.budgets.end()) {
+void dispatchPacket(Server& server, ENetPeer* peer, std::uint8_t channel, ByteView packet, std::uint64_t now,
+                    ENetPacket** received) {
+    PeerRecord* record = recordOf(peer);
+    if (record == nullptr) {
         logError("|||| Packet from unknown peer " + peerAddressText(peer) + "! Ignoring!");
         return;
     }
-    const auto address = server.addressBudgets.find(peer->address.host);
-    const Incoming in{server,
-                      peer,
-                      channel,
-                      packet,
-                      budget->second,
-                      address != server.addressBudgets.end() ? &address->second : nullptr,
-                      steadyMicros(),
-                      received};
+    const Incoming in{server, peer, channel, packet, record->budget, record->address, now, received};
     // Charged before anything is decoded, so a flood costs the least.
     std::string line;
     const Verdict verdict =

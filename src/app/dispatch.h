@@ -12,5 +12,7 @@
 // packet holding those bytes), a handler whose work outlives it (a report
 // for the storage worker) may take the packet over instead of copying it,
 // leaving null there; whatever is left there stays the caller's to free.
-void dispatchPacket(Server& server, ENetPeer* peer, std::uint8_t channel, ByteView packet,
+// `now` is the loop's clock (steadyMicros) as the caller last read it: the
+// budgets refill by it.
+void dispatchPacket(Server& server, ENetPeer* peer, std::uint8_t channel, ByteView packet, std::uint64_t now,
                     ENetPacket** received = nullptr);

@@ -4,6 +4,9 @@
 #include <map>
 #include <set>
 
+#include "app/peers.h"
+#include "lobby/lobby.h"
+
 std::string brokenInvariant(const Server& s) {
     std::set<const ENetPeer*> placed;
     for (const auto& [id, room] : s.rooms.byId) {
@@ -34,7 +37,10 @@ std::string brokenInvariant(const Server& s) {
         if (room->running && !room->started) return "running before started";
         if (room->started && room->open) return "started but open";
     }
-    if (s.rooms.places.size() != placed.size()) return "the place index holds peers in no slot";
+    if (s.rooms.placedPeers != placed.size()) return "the place index holds peers in no slot";
+    std::size_t entries = 0;
+    for (const PlaceEntry& e : s.rooms.places) entries += e.peer != nullptr;
+    if (entries != s.rooms.placedPeers) return "the place index counts its entries wrong";
     std::uint32_t away = 0;
     for (const auto& [id, room] : s.rooms.byId) {
         std::uint32_t awayHere = 0;
@@ -42,6 +48,8 @@ std::string brokenInvariant(const Server& s) {
         away += awayHere;
         if (!s.rooms.mayHoldEmptyRoom && humanCount(*room) == 0 && awayHere == 0)
             return "room " + std::to_string(id) + " is empty, and the room work would not look for it";
+        if (!s.rooms.mayHoldPendingStart && startPending(*room))
+            return "room " + std::to_string(id) + " waits for its start, and the room work would not check it";
     }
     if (away != s.rooms.awaySeats) return "the count of away seats is off";
     std::size_t streams = 0;
@@ -62,10 +70,12 @@ std::string brokenInvariant(const Server& s) {
         for (const Slot& slot : room->slots) streams += slot.feed != nullptr;
     if (streams != s.rooms.feeds.size()) return "streams the registry holds and those in use disagree";
     for (ENetPeer* p : s.peers) {
-        if (p->data == nullptr) return "a registered peer has no address record";
-        if (s.budgets.count(p) == 0) return "a registered peer has no budget";
+        const PeerRecord* record = recordOf(p);
+        if (record == nullptr) return "a registered peer has no record";
+        const auto address = s.addressBudgets.find(p->address.host);
+        if (address == s.addressBudgets.end() || record->address != &address->second)
+            return "a peer's record points at another address's budget";
     }
-    if (s.budgets.size() != s.peers.size()) return "a budget outlives its peer";
     std::map<std::uint32_t, std::uint64_t> perAddress;
     for (ENetPeer* p : s.peers) perAddress[p->address.host] += 1;
     if (perAddress.size() != s.addressBudgets.size()) return "an address budget without peers, or peers without one";

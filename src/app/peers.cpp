@@ -22,13 +22,13 @@ void handleConnect(Server& server, ENetPeer* peer) {
         disconnectNow(peer);
         return;
     }
-    auto* info = new PeerInfo(makePeerInfo(peer->address));
-    info->connection = ++server.connectionsMade;
-    logMessage("A new client connected from " + peerAddressText(*info));
-    peer->data = info;
+    auto* record = new PeerRecord{makePeerInfo(peer->address), PeerBudget{}, nullptr};
+    record->connection = ++server.connectionsMade;
+    logMessage("A new client connected from " + peerAddressText(*record));
+    peer->data = static_cast<PeerInfo*>(record);
     server.peers.insert(peer);
-    server.budgets[peer] = PeerBudget{};
-    server.addressBudgets[peer->address.host].peers += 1;
+    record->address = &server.addressBudgets[peer->address.host];
+    record->address->peers += 1;
     logMessage(std::to_string(server.peers.size()) + " peers now");
     // A silent client is dropped only after 40 to 240 seconds.
     if (server.host != nullptr) enet_peer_timeout(peer, 256, 40000, 240000);
@@ -41,12 +41,11 @@ void handleDisconnect(Server& server, ENetPeer* peer) {
         return;
     }
     leaveRoom(server.rooms, peer, true);
-    auto* info = static_cast<PeerInfo*>(peer->data);
-    logMessage("Disconnected " + (info ? peerAddressText(*info) : std::string("?")));
-    delete info;
+    PeerRecord* record = recordOf(peer);
+    logMessage("Disconnected " + (record ? peerAddressText(*record) : std::string("?")));
+    delete record;
     peer->data = nullptr;
     server.peers.erase(peer);
-    server.budgets.erase(peer);
     if (auto a = server.addressBudgets.find(peer->address.host); a != server.addressBudgets.end() && --a->second.peers == 0)
         server.addressBudgets.erase(a);
     forgetDownloads(server.downloads, peer);

@@ -5,6 +5,7 @@
 #include <cstdlib>
 
 #include "admission/setting_lines.h"
+#include "app/peers.h"
 #include "log/log.h"
 #include "platform/clock.h"
 #include "platform/files.h"
@@ -157,9 +158,10 @@ void stopServer(Server& server) {
     // Every queued write lands, and is logged, before the rooms and peers go.
     server.storage.stop();
     server.rooms.places.clear();
+    server.rooms.placedPeers = 0;
     server.rooms.byId.clear();
     for (ENetPeer* peer : server.peers) {
-        delete static_cast<PeerInfo*>(peer->data);
+        delete recordOf(peer);
         peer->data = nullptr;
         enet_peer_disconnect(peer, 0);
     }

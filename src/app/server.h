@@ -55,12 +55,11 @@ struct Server {
     EventSpill eventSpill;
     ENetHost* host = nullptr;
     // The peer registry: membership means connected and registered, each
-    // with its PeerInfo on the ENet peer's data field.
+    // with its PeerRecord on the ENet peer's data field.
     std::set<ENetPeer*> peers;
-    // What each registered peer may still send.
-    std::unordered_map<ENetPeer*, PeerBudget> budgets;
     // What the registered peers of each address may still send together,
-    // by the address in ENet's byte order.
+    // by the address in ENet's byte order. Each peer's record points at its
+    // address's entry, which the map's nodes keep in place.
     std::unordered_map<std::uint32_t, AddressBudget> addressBudgets;
     // Lobby chat over all senders (lobby_chat_bytes_*).
     Bucket lobbyChat;

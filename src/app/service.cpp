@@ -19,13 +19,13 @@ void checkPeriodicDump(Server& server, const std::tm& local) {
     }
 }
 
-void runRoomWork(Server& server) {
+void runRoomWork(Server& server, std::uint64_t now) {
     if (std::unique_ptr<Room> deleted = deleteEmptyRoom(server.rooms)) {
         endRecording(server.storage, deleted->match.recording, 0, deleted->match.lastCompletedStep);
         if (server.statisticsEnabled && deleted->running) recordFinishedGame(server.statistics, *deleted);
     }
     checkRoomStarts(server.rooms);
-    releaseExpiredSeats(server.rooms, steadyMicros());
+    releaseExpiredSeats(server.rooms, now);
     for (auto& [id, room] : server.rooms.byId)
         if (room->running)
             adaptOrderDelay(room->match, orderDelayPasses(room->match) ? audienceOf(*room) : Audience{});
@@ -44,8 +44,7 @@ const std::tm& localTimeThisSecond(LoopClocks& clocks) {
 }
 
 // True at most once per period of the loop's clock.
-bool due(std::uint64_t& last, std::uint64_t periodMicros) {
-    const std::uint64_t now = steadyMicros();
+bool due(std::uint64_t& last, std::uint64_t now, std::uint64_t periodMicros) {
     if (now - last < periodMicros) return false;
     last = now;
     return true;
@@ -58,6 +57,11 @@ bool serviceStep(Server& server) {
     LoopClocks& clocks = server.clocks;
     if (server.receiveStamps) server.receiveStamps->mark(TurnMark::turnBegin);
     checkPeriodicDump(server, localTimeThisSecond(clocks));
+    // The clock is read once per turn and again at each flush within it,
+    // not per packet: what it times (budgets, streams, checks) is measured
+    // in milliseconds and more, and a read per packet was a share of the
+    // loop's time under load.
+    std::uint64_t now = steadyMicros();
 
     bool handled = false;
     ENetEvent event;
@@ -73,6 +77,7 @@ bool serviceStep(Server& server) {
         if (events % kEventsPerFlush == kEventsPerFlush - 1) {
             enet_host_flush(server.host);
             if (server.receiveStamps) server.receiveStamps->sent();
+            now = steadyMicros();
         }
         switch (event.type) {
             case ENET_EVENT_TYPE_CONNECT:
@@ -87,7 +92,7 @@ bool serviceStep(Server& server) {
                 server.bytesReceived += static_cast<std::uint32_t>(event.packet->dataLength);
                 countIn(event.channelID, event.packet->dataLength);
                 dispatchPacket(server, event.peer, event.channelID,
-                               ByteView(event.packet->data, event.packet->dataLength), &event.packet);
+                               ByteView(event.packet->data, event.packet->dataLength), now, &event.packet);
                 if (server.receiveStamps) server.receiveStamps->handled(event.channelID, event.peer);
                 if (event.packet != nullptr) enet_packet_destroy(event.packet);
                 cutOffPeersOverLimit(server);
@@ -106,9 +111,10 @@ bool serviceStep(Server& server) {
     server.storage.poll();
     server.inbox.run();
     pumpDownloads(server.storage, server.downloads);
-    turnStreams(server.rooms, steadyMicros());
-    if (due(clocks.stallCheck, 250'000))
-        for (ENetPeer* peer : checkDownloads(server.downloads, steadyMicros())) {
+    if (events != 0) now = steadyMicros();
+    turnStreams(server.rooms, now);
+    if (due(clocks.stallCheck, now, 250'000))
+        for (ENetPeer* peer : checkDownloads(server.downloads, now)) {
             countLimit(LimitFired::downloadStall);
             logError("|||| Peer " + peerAddressText(peer) + " took none of its download for " +
                      std::to_string(server.limits.downloadStallSeconds) + " s. Disconnecting it");
@@ -120,20 +126,20 @@ bool serviceStep(Server& server) {
     // wakes on every packet, so the room work keeps that pace at most instead
     // of running once per wake-up: a busy server would otherwise decide delays
     // many times a second and walk every room for every packet.
-    if (due(clocks.roomWork, kRoomWorkPeriodMs * 1000)) {
+    if (due(clocks.roomWork, now, kRoomWorkPeriodMs * 1000)) {
         if (server.receiveStamps) server.receiveStamps->mark(TurnMark::roomWorkBegin);
-        runRoomWork(server);
+        runRoomWork(server, now);
         if (server.receiveStamps) server.receiveStamps->mark(TurnMark::roomWorkEnd);
     }
     // Recorded matches hand their records to the worker in batches, about
     // ten a second: a write per order would cost the worker, and a batch a
     // second would hold more of a busy match in memory.
-    if (!server.recordings.directory.empty() && due(clocks.recordingFlush, 100'000))
+    if (!server.recordings.directory.empty() && due(clocks.recordingFlush, now, 100'000))
         for (auto& [id, room] : server.rooms.byId) flushRecording(server.storage, room->match.recording);
     cutOffPeersOverLimit(server);
     // Ten times a second is often enough to see partial messages pile up: a
     // peer adds at most the host's bandwidth in that time.
-    if (due(clocks.waitingCheck, 100'000)) cutOffOverWaitingTotal(server);
+    if (due(clocks.waitingCheck, now, 100'000)) cutOffOverWaitingTotal(server);
     if (server.receiveStamps) server.receiveStamps->mark(TurnMark::turnEnd);
     return handled;
 }

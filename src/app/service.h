@@ -22,5 +22,6 @@ inline constexpr int kMaxEventsPerTurn = 4096;
 inline constexpr int kEventsPerFlush = 64;
 // The room work runs at most once per this many milliseconds of the loop.
 inline constexpr int kRoomWorkPeriodMs = 2;
-// The per-step room work after the events, unpaced (for tests and fuzzing).
-void runRoomWork(Server& server);
+// The per-step room work after the events, unpaced (for tests and fuzzing),
+// at `now` of the loop's clock.
+void runRoomWork(Server& server, std::uint64_t now);

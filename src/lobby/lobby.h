@@ -127,8 +127,11 @@ void turnStreams(RoomRegistry& rooms, std::uint64_t nowMicros);
 
 // ---- Start (start.cpp) ----
 void requestStart(RoomRegistry& rooms, ENetPeer* peer);
-// Once per room work: the start check of every room.
+// Once per room work: the start check of every room, while one may be
+// waiting for its start.
 void checkRoomStarts(RoomRegistry& rooms);
+// Asked to start and not yet started, or started and not yet running.
+bool startPending(const Room& room);
 // The process-wide generator, seeded with 0 so that every run draws the same
 // tags and start locations.
 std::mt19937& globalGenerator();

@@ -33,8 +33,9 @@ MatchView matchView(const Room& room) {
 }
 
 const Place* placeOf(const RoomRegistry& rooms, const ENetPeer* peer) {
-    auto it = rooms.places.find(peer);
-    return it == rooms.places.end() ? nullptr : &it->second;
+    const std::size_t i = peer->incomingPeerID;
+    if (i >= rooms.places.size() || rooms.places[i].peer != peer) return nullptr;
+    return &rooms.places[i].place;
 }
 
 Room* roomOf(const RoomRegistry& rooms, const ENetPeer* peer) {
@@ -49,11 +50,17 @@ Room* findRoom(const RoomRegistry& rooms, std::uint32_t id) {
 
 void takeSlot(RoomRegistry& rooms, Room& room, std::uint32_t slot, ENetPeer* peer) {
     room.slots[slot].peer = peer;
-    rooms.places[peer] = Place{&room, slot};
+    const std::size_t i = peer->incomingPeerID;
+    if (i >= rooms.places.size()) rooms.places.resize(i + 1);
+    if (rooms.places[i].peer != peer) ++rooms.placedPeers;
+    rooms.places[i] = PlaceEntry{peer, Place{&room, slot}};
 }
 
 void leaveSlot(RoomRegistry& rooms, Room& room, std::uint32_t slot) {
-    rooms.places.erase(room.slots[slot].peer);
+    if (const ENetPeer* peer = room.slots[slot].peer; peer != nullptr && placeOf(rooms, peer) != nullptr) {
+        rooms.places[peer->incomingPeerID] = PlaceEntry{};
+        --rooms.placedPeers;
+    }
     room.slots[slot].peer = nullptr;
     rooms.mayHoldEmptyRoom = true;
 }
@@ -65,7 +72,7 @@ void compactSlots(RoomRegistry& rooms, Room& room) {
         for (std::uint32_t j = i + 1; j < kSlotCount; ++j) {
             if (room.slots[j].peer != nullptr) {
                 std::swap(slot, room.slots[j]);
-                rooms.places[slot.peer].slot = i;
+                rooms.places[slot.peer->incomingPeerID].place.slot = i;
                 break;
             }
         }

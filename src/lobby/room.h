@@ -115,6 +115,15 @@ struct Place {
     std::uint32_t slot = 0;
 };
 
+// An entry of the place index, which is filed by the ENet peer's index in
+// its host (incomingPeerID): finding the sender's room is then one array
+// read for every packet a player sends. The entry names its peer, so that
+// no other peer object with the same index is taken for it.
+struct PlaceEntry {
+    const ENetPeer* peer = nullptr;
+    Place place;
+};
+
 // What rejoin and spectators allow (--rejoin, --spectators,
 // --spectator-delay and their limits).
 struct MatchAccess {
@@ -145,7 +154,9 @@ struct RoomRegistry {
     // Owned rooms, walked in ID order.
     std::map<std::uint32_t, std::unique_ptr<Room>> byId;
     std::uint32_t nextRoomId = 1;
-    std::unordered_map<const ENetPeer*, Place> places;
+    // Every player's place; the peers are all the one host's.
+    std::vector<PlaceEntry> places;
+    std::size_t placedPeers = 0;
     // Where matches are recorded as they start; null: none are.
     Recordings* recordings = nullptr;
     // Failed joins into a room with a password allowed per minute, per peer
@@ -166,9 +177,11 @@ struct RoomRegistry {
     // room's slots is most of its cost, so the walks that look for rare
     // states run only while the state can be there: a room may be empty
     // only after a slot was left or a room made, and a seat can expire only
-    // while one is away.
+    // while one is away, and the start check only after a start was asked
+    // for and until no room waits for its start.
     bool mayHoldEmptyRoom = false;
     std::uint32_t awaySeats = 0;
+    bool mayHoldPendingStart = false;
 };
 
 // The room and slot of a player's connection, or nullptr.

@@ -130,6 +130,7 @@ void requestStart(RoomRegistry& rooms, ENetPeer* peer) {
         room.confirmed[place->slot] = true;
     else
         room.startRequested = true;
+    rooms.mayHoldPendingStart = true;
 }
 
 namespace {
@@ -201,6 +202,14 @@ void assignTagsAndLocations(Room& room) {
         if (changed[i]) rebuildPlayerSetup(*room.slots[i].info);
 }
 
+bool startPending(const Room& room) { return (room.startRequested && !room.started) || (room.started && !room.running); }
+
 void checkRoomStarts(RoomRegistry& rooms) {
-    for (auto& [id, room] : rooms.byId) checkRoomStart(rooms, *room);
+    if (!rooms.mayHoldPendingStart) return;
+    bool pending = false;
+    for (auto& [id, room] : rooms.byId) {
+        checkRoomStart(rooms, *room);
+        pending = pending || startPending(*room);
+    }
+    rooms.mayHoldPendingStart = pending;
 }

@@ -26,6 +26,8 @@ Harness::Harness(std::size_t peerCount) {
         std::uint8_t ip[4] = {10, 0, 0, static_cast<std::uint8_t>(i + 1)};
         std::memcpy(&p->address.host, ip, 4);
         p->address.port = static_cast<enet_uint16>(5000 + i);
+        // As a host numbers its peers.
+        p->incomingPeerID = static_cast<enet_uint16>(i);
         peers_.push_back(std::move(p));
     }
     setPacketRecorder([this](ENetPeer* to, std::uint8_t channel, ByteView bytes) {
@@ -44,7 +46,7 @@ Harness::Harness(std::size_t peerCount) {
 
 Harness::~Harness() {
     for (ENetPeer* p : server.peers) {
-        delete static_cast<PeerInfo*>(p->data);
+        delete recordOf(p);
         p->data = nullptr;
     }
     setPacketRecorder(nullptr);
@@ -66,12 +68,12 @@ void Harness::disconnect(std::size_t i) {
 }
 
 void Harness::receive(std::size_t i, std::uint8_t channel, const Bytes& bytes) {
-    dispatchPacket(server, peer(i), channel, ByteView(bytes));
+    dispatchPacket(server, peer(i), channel, ByteView(bytes), steadyMicros());
     checkInvariants();
 }
 
 void Harness::step() {
-    runRoomWork(server);
+    runRoomWork(server, steadyMicros());
     checkInvariants();
 }
 

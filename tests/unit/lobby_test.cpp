@@ -81,7 +81,7 @@ TEST(Lobby, HostLeavesThenKickThenDisconnectThenTheEmptyRoomGoes) {
                                 toEach({1}, 0, fresh(2)) + toEach({1}, 0, slotState(2)));
     h.takeLogs();
     h.disconnect(1);
-    EXPECT_EQ(h.server.rooms.places.size(), 0u);
+    EXPECT_EQ(h.server.rooms.placedPeers, 0u);
     h.step();
     EXPECT_TRUE(h.server.rooms.byId.empty());
     EXPECT_EQ(h.takeLogs(), (std::vector<std::string>{"Left room 1 Peers in room: 0", "Disconnected 10.0.0.2:5001",
