@@ -4,7 +4,7 @@
 #include <map>
 #include <set>
 
-#include "app/peers.h"
+#include "admission/peer_record.h"
 #include "lobby/lobby.h"
 
 std::string brokenInvariant(const Server& s) {

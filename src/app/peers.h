@@ -3,23 +3,8 @@
 
 #include <enet/enet.h>
 
+#include "admission/peer_record.h"
 #include "app/server.h"
-#include "protocol/send.h"
-
-// What the server keeps of a registered peer, hung on its data field: what
-// the senders know of it, and what it and its address may still send. A
-// packet reaches all of it through the peer it came from, without a look-up.
-struct PeerRecord : PeerInfo {
-    PeerBudget budget;
-    // The budget its address shares, in Server::addressBudgets: it lives as
-    // long as one of the address's peers does.
-    AddressBudget* address = nullptr;
-};
-
-// The peer's record; null unless it is registered.
-inline PeerRecord* recordOf(const ENetPeer* peer) {
-    return static_cast<PeerRecord*>(static_cast<PeerInfo*>(peer->data));
-}
 
 bool isRegistered(const Server& server, ENetPeer* peer);
 void handleConnect(Server& server, ENetPeer* peer);

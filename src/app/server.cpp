@@ -4,8 +4,8 @@
 #include <cstdio>
 #include <cstdlib>
 
+#include "admission/peer_record.h"
 #include "admission/setting_lines.h"
-#include "app/peers.h"
 #include "log/log.h"
 #include "platform/clock.h"
 #include "platform/files.h"
