@@ -52,6 +52,17 @@ std::string brokenInvariant(const Server& s) {
             return "room " + std::to_string(id) + " waits for its start, and the room work would not check it";
     }
     if (away != s.rooms.awaySeats) return "the count of away seats is off";
+    std::map<const Room*, int> scheduled;
+    for (const std::vector<Room*>& slot : s.rooms.delayWheel)
+        for (const Room* room : slot) ++scheduled[room];
+    for (const Room* room : s.rooms.newlyRunning) ++scheduled[room];
+    std::size_t running = 0;
+    for (const auto& [id, room] : s.rooms.byId) {
+        if (!room->running) continue;
+        ++running;
+        if (scheduled[room.get()] != 1) return "room " + std::to_string(id) + " is not in the delay schedule once";
+    }
+    if (scheduled.size() != running) return "the delay schedule holds a room that is gone or not running";
     std::size_t streams = 0;
     for (const auto& [peer, watcher] : s.rooms.watchers) {
         if (placed.count(peer) != 0) return "a spectator holds a slot";

@@ -159,6 +159,8 @@ void stopServer(Server& server) {
     server.storage.stop();
     server.rooms.places.clear();
     server.rooms.placedPeers = 0;
+    for (std::vector<Room*>& slot : server.rooms.delayWheel) slot.clear();
+    server.rooms.newlyRunning.clear();
     server.rooms.byId.clear();
     for (ENetPeer* peer : server.peers) {
         delete recordOf(peer);

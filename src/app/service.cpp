@@ -26,9 +26,7 @@ void runRoomWork(Server& server, std::uint64_t now) {
     }
     checkRoomStarts(server.rooms);
     releaseExpiredSeats(server.rooms, now);
-    for (auto& [id, room] : server.rooms.byId)
-        if (room->running)
-            adaptOrderDelay(room->match, orderDelayPasses(room->match) ? audienceOf(*room) : Audience{});
+    tickOrderDelays(server.rooms);
 }
 
 namespace {

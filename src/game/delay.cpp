@@ -7,7 +7,6 @@
 #include "game/match.h"
 
 namespace {
-constexpr std::uint32_t kTicksPerPass = 15;
 constexpr std::uint32_t kPassesPerDecision = 40;
 constexpr std::uint32_t kMinOrderDelay = 2;
 constexpr std::uint32_t kMaxOrderDelay = 64;
@@ -60,9 +59,10 @@ void pass(Match& match, const Audience& audience) {
 
 std::uint32_t peerRoundTripTime(const ENetPeer* peer) { return peer->roundTripTime; }
 
-bool orderDelayPasses(const Match& match) { return match.delayTicks >= kTicksPerPass; }
+bool orderDelayPasses(const Match& match) { return match.delayTicks >= kDelayTicksPerPass; }
 
-void adaptOrderDelay(Match& match, const Audience& audience) {
+void adaptOrderDelay(Match& match, const Audience& audience, std::uint32_t ticks) {
+    match.delayTicks += ticks - 1;
     if (orderDelayPasses(match)) pass(match, audience);
     ++match.delayTicks;
 }

@@ -94,9 +94,15 @@ void holdDelay(Match& match);
 void requestLongerDelay(Match& match);
 
 // ---- Order delay (delay.cpp) ----
-// Once per room work for a running match. Only the calls that pass look at
-// the audience, so the caller need not gather it for the others.
-void adaptOrderDelay(Match& match, const Audience& audience);
+// The controller ticks once per room work for a running match, and passes
+// (looks at the players) on every kDelayTicksPerPass-th tick after the
+// first.
+inline constexpr std::uint32_t kDelayTicksPerPass = 15;
+// `ticks` ticks at once, of which only the last may pass: a caller that
+// visits a match only on its first tick and on its passes gives the
+// kDelayTicksPerPass of a pass at once. Only a call that passes looks at
+// the audience.
+void adaptOrderDelay(Match& match, const Audience& audience, std::uint32_t ticks = 1);
 bool orderDelayPasses(const Match& match);
 // The controller's view of a peer's round-trip time in milliseconds.
 std::uint32_t peerRoundTripTime(const ENetPeer* peer);

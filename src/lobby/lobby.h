@@ -130,6 +130,9 @@ void requestStart(RoomRegistry& rooms, ENetPeer* peer);
 // Once per room work: the start check of every room, while one may be
 // waiting for its start.
 void checkRoomStarts(RoomRegistry& rooms);
+// Once per room work, after the start checks: the order-delay controller of
+// every running match.
+void tickOrderDelays(RoomRegistry& rooms);
 // Asked to start and not yet started, or started and not yet running.
 bool startPending(const Room& room);
 // The process-wide generator, seeded with 0 so that every run draws the same

@@ -182,6 +182,13 @@ struct RoomRegistry {
     bool mayHoldEmptyRoom = false;
     std::uint32_t awaySeats = 0;
     bool mayHoldPendingStart = false;
+    // The delay controllers' schedule. A match is ticked on the first room
+    // work after it runs, and then only on its passes, every
+    // kDelayTicksPerPass room works from the wheel's slot of that first
+    // tick: a room work visits a fifteenth of the matches instead of all.
+    std::array<std::vector<Room*>, kDelayTicksPerPass> delayWheel;
+    std::uint64_t delayTurns = 0;
+    std::vector<Room*> newlyRunning;
 };
 
 // The room and slot of a player's connection, or nullptr.

@@ -139,6 +139,15 @@ std::vector<ENetPeer*> textRecipients(const RoomRegistry& rooms, const std::set<
     return targets;
 }
 
+namespace {
+// The room leaves the controllers' schedule.
+void forgetOrderDelay(RoomRegistry& rooms, const Room& room) {
+    if (!room.running) return;
+    std::erase(rooms.newlyRunning, &room);
+    for (std::vector<Room*>& slot : rooms.delayWheel) std::erase(slot, &room);
+}
+}  // namespace
+
 std::unique_ptr<Room> deleteEmptyRoom(RoomRegistry& rooms) {
     if (!rooms.mayHoldEmptyRoom) return nullptr;
     auto it = rooms.byId.begin();
@@ -154,6 +163,7 @@ std::unique_ptr<Room> deleteEmptyRoom(RoomRegistry& rooms) {
         return nullptr;
     }
     std::unique_ptr<Room> room = std::move(it->second);
+    forgetOrderDelay(rooms, *room);
     endSpectating(rooms, *room);
     logMessage("Empty room \"" + printable(room->name) + "\" with ID " + std::to_string(room->id) + " deleted. ");
     rooms.byId.erase(it);

@@ -67,6 +67,7 @@ void checkRunning(RoomRegistry& rooms, Room& room) {
         if (slot.peer != nullptr && slot.info != nullptr && !room.confirmed[i]) return;
     }
     room.running = true;
+    rooms.newlyRunning.push_back(&room);
     for (const Slot& slot : room.slots)
         if (slot.peer != nullptr && slot.info != nullptr) room.matchPlayerNames.push_back(slot.info->playerName);
     if (rooms.recordings != nullptr && !rooms.recordings->directory.empty()) {
@@ -200,6 +201,16 @@ void assignTagsAndLocations(Room& room) {
     }
     for (std::size_t i = 0; i < kSlotCount; ++i)
         if (changed[i]) rebuildPlayerSetup(*room.slots[i].info);
+}
+
+void tickOrderDelays(RoomRegistry& rooms) {
+    std::vector<Room*>& due = rooms.delayWheel[rooms.delayTurns++ % kDelayTicksPerPass];
+    for (Room* room : due) adaptOrderDelay(room->match, audienceOf(*room), kDelayTicksPerPass);
+    for (Room* room : rooms.newlyRunning) {
+        adaptOrderDelay(room->match, Audience{});
+        due.push_back(room);
+    }
+    rooms.newlyRunning.clear();
 }
 
 bool startPending(const Room& room) { return (room.startRequested && !room.started) || (room.started && !room.running); }

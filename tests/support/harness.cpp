@@ -20,24 +20,24 @@ void PrintTo(const Sent& s, std::ostream* os) {
 }
 
 Harness::Harness(std::size_t peerCount) {
+    peers_.resize(peerCount);
     for (std::size_t i = 0; i < peerCount; ++i) {
-        auto p = std::make_unique<ENetPeer>();
-        std::memset(p.get(), 0, sizeof(ENetPeer));
+        ENetPeer* p = &peers_[i];
+        std::memset(p, 0, sizeof(ENetPeer));
         std::uint8_t ip[4] = {10, 0, 0, static_cast<std::uint8_t>(i + 1)};
         std::memcpy(&p->address.host, ip, 4);
         p->address.port = static_cast<enet_uint16>(5000 + i);
         // As a host numbers its peers.
         p->incomingPeerID = static_cast<enet_uint16>(i);
-        peers_.push_back(std::move(p));
     }
     setPacketRecorder([this](ENetPeer* to, std::uint8_t channel, ByteView bytes) {
         std::size_t i = 0;
-        while (i < peers_.size() && peers_[i].get() != to) ++i;
+        while (i < peers_.size() && &peers_[i] != to) ++i;
         sent_.push_back(Sent{i, channel, Bytes(bytes.begin(), bytes.end())});
     });
     setDisconnectRecorder([this](ENetPeer* to) {
         std::size_t i = 0;
-        while (i < peers_.size() && peers_[i].get() != to) ++i;
+        while (i < peers_.size() && &peers_[i] != to) ++i;
         sent_.push_back(Sent{i, kDisconnectedMark, {}});
     });
     resetGlobalGenerator();

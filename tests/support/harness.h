@@ -39,7 +39,7 @@ public:
     Server server;
 
     // Fake peer i at 10.0.0.(i+1), port 5000 + i.
-    ENetPeer* peer(std::size_t i) { return peers_[i].get(); }
+    ENetPeer* peer(std::size_t i) { return &peers_[i]; }
     void connect(std::size_t i);
     void disconnect(std::size_t i);
     void receive(std::size_t i, std::uint8_t channel, const Bytes& bytes);
@@ -62,7 +62,9 @@ public:
 
 private:
     void checkInvariants();
-    std::vector<std::unique_ptr<ENetPeer>> peers_;
+    // One array, as a host holds its peers: the registry's order by address
+    // is the peers' order, as it is on a real host.
+    std::vector<ENetPeer> peers_;
     std::vector<Sent> sent_;
 };
 

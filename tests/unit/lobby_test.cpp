@@ -142,6 +142,7 @@ TEST(Lobby, RoomListStatusEntriesThenDetails) {
     room.open = false;
     room.closed[6] = true;
     room.started = room.running = true;
+    h.server.rooms.newlyRunning.push_back(&room);
     h.lobby(2, RoomListRequest{1, 9});
     std::vector<Sent> sent = h.takeSent();
     ASSERT_EQ(sent.size(), 2u);

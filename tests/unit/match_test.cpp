@@ -13,6 +13,7 @@ Room& running(Harness& h, std::size_t n) {
     Room& room = h.roomOfReady(n);
     room.open = false;
     room.started = room.running = true;
+    h.server.rooms.newlyRunning.push_back(&room);
     return room;
 }
 
@@ -158,10 +159,10 @@ TEST(Match, DelayDecisionsHoldsAndLagReports) {
     h.step();
     EXPECT_EQ(h.takeSent(), toEach({0, 1}, kMatchControlChannel, encode(DelayDecrease{})));
     EXPECT_EQ(m.orderDelay, 2u);
+    // One pass in any 15 calls, and with no cooldown it decides.
     auto decideNow = [&] {
         m.delayCooldown = 0;
-        m.delayTicks = 15;
-        h.step();
+        for (int call = 0; call < 15; ++call) h.step();
     };
     h.peer(1)->roundTripTime = 50;  // 2 x 50 is not below 50 x 2
     decideNow();
