@@ -118,12 +118,12 @@ bool serviceStep(Server& server) {
                      std::to_string(server.limits.downloadStallSeconds) + " s. Disconnecting it");
             cutOff(server, peer);
         }
-    // The room work walks every room, and the order-delay controller in it
-    // counts its calls (a pass every 15th, a decision every 41st pass). Its
-    // pace was set by a loop that sleeps at least 2 ms per step; the loop now
-    // wakes on every packet, so the room work keeps that pace at most instead
-    // of running once per wake-up: a busy server would otherwise decide delays
-    // many times a second and walk every room for every packet.
+    // The order-delay controller in the room work counts its calls (a pass
+    // every 15th, a decision every 41st pass). Its pace was set by a loop
+    // that sleeps at least 2 ms per step; the loop now wakes on every packet,
+    // so the room work keeps that pace at most instead of running once per
+    // wake-up: a busy server would otherwise decide delays many times a
+    // second.
     if (due(clocks.roomWork, now, kRoomWorkPeriodMs * 1000)) {
         if (server.receiveStamps) server.receiveStamps->mark(TurnMark::roomWorkBegin);
         runRoomWork(server, now);
