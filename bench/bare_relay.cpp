@@ -11,7 +11,7 @@
 // confirmation and go notice. Everything else, and every refusal, is dropped
 // without a word. It shares no code with the server on purpose.
 //
-// Usage: bare_relay [--port N] [--receive-latency] [--idle-threads N]
+// Usage: bare_relay [--port N] [--receive-latency] [--idle-threads N] [--slice MICROS]
 // (port 0 or none: a free port; the chosen one is printed as "bare_relay:
 // listening on port N"). With --receive-latency the server's own instrument
 // times every order from the kernel's receive to the hand-over of its relay,
@@ -19,8 +19,10 @@
 // batches traced turn by turn. It is the one piece of the server here: the
 // same instrument on both sides, so their figures compare. --idle-threads N
 // starts N threads that only wait, to tell whether being a process of
-// several threads costs anything apart from the server's own work.
+// several threads costs anything apart from the server's own work. --slice
+// asks the kernel for requests of MICROS, as the server's --loop-slice does.
 
+#include <algorithm>
 #include <csignal>
 #include <future>
 #include <thread>
@@ -35,6 +37,7 @@
 
 #include <enet/enet.h>
 
+#include "platform/process.h"
 #include "platform/receive_stamps.h"
 
 namespace {
@@ -249,6 +252,7 @@ int main(int argc, char** argv) {
     unsigned long port = 0;
     bool receiveLatency = false;
     unsigned long idleThreads = 0;
+    unsigned long sliceMicros = 0;
     for (int i = 1; i < argc; ++i) {
         if (std::strcmp(argv[i], "--port") == 0 && i + 1 < argc) {
             port = std::strtoul(argv[++i], nullptr, 10);
@@ -256,8 +260,11 @@ int main(int argc, char** argv) {
             receiveLatency = true;
         } else if (std::strcmp(argv[i], "--idle-threads") == 0 && i + 1 < argc) {
             idleThreads = std::strtoul(argv[++i], nullptr, 10);
+        } else if (std::strcmp(argv[i], "--slice") == 0 && i + 1 < argc) {
+            sliceMicros = std::strtoul(argv[++i], nullptr, 10);
         } else {
-            std::fprintf(stderr, "usage: bare_relay [--port N] [--receive-latency] [--idle-threads N]\n");
+            std::fprintf(stderr,
+                         "usage: bare_relay [--port N] [--receive-latency] [--idle-threads N] [--slice MICROS]\n");
             return 2;
         }
     }
@@ -275,6 +282,11 @@ int main(int argc, char** argv) {
     std::promise<void> never;
     const std::shared_future<void> forever = never.get_future().share();
     for (unsigned long i = 0; i < idleThreads; ++i) std::thread([forever] { forever.wait(); }).detach();
+
+    if (sliceMicros != 0 && !requestSchedulerSlice(static_cast<std::uint32_t>(std::max(sliceMicros, 100ul)))) {
+        std::fprintf(stderr, "bare_relay: the kernel refused --slice\n");
+        return 1;
+    }
 
     Relay relay;
     ENetAddress address{};

@@ -8,7 +8,8 @@
 #
 #   bench/run_tail.sh [--build DIR] [--rooms 128] [--players 8] [--rate 20]
 #                     [--seconds 20] [--runs 3] [--pin] [--idle] [--out DIR]
-#                     [--bare-threads N]
+#                     [--bare-threads N] [--server-slice MICROS]
+#                     [--bare-slice MICROS]
 #
 # --pin puts the server (or the bare relay) on core 0 and the load generator
 # on core 1 with taskset, the same way on both sides; without it neither is
@@ -22,10 +23,15 @@
 # threads from the server's own work. Each run's trace of its slowest
 # batches and the anatomy of its batches (what the slowest hundredth had in
 # common) go into OUT/traces.txt.
+#
+# --server-slice and --bare-slice ask the kernel for short requests on that
+# side's loop (the server's --loop-slice, the bare relay's --slice); 0, the
+# default, leaves the kernel's slice.
 
 set -euo pipefail
 
 BUILD=build ROOMS=128 PLAYERS=8 RATE=20 SECONDS_PER_RUN=20 RUNS=3 PIN=0 IDLE=0 OUT="" BARE_THREADS=0
+SERVER_SLICE=0 BARE_SLICE=0
 LAG_MS=${LAG_MS:-1}
 while [ $# -gt 0 ]; do
   case "$1" in
@@ -39,6 +45,8 @@ while [ $# -gt 0 ]; do
     --idle) IDLE=1; shift ;;
     --out) OUT=$2; shift 2 ;;
     --bare-threads) BARE_THREADS=$2; shift 2 ;;
+    --server-slice) SERVER_SLICE=$2; shift 2 ;;
+    --bare-slice) BARE_SLICE=$2; shift 2 ;;
     -h|--help) awk 'NR > 1 && /^#/ { sub(/^# ?/, ""); print; next } NR > 1 { exit }' "$0"; exit 0 ;;
     *) echo "run_tail.sh: unknown option $1" >&2; exit 2 ;;
   esac
@@ -69,14 +77,14 @@ start_target() {
     printf '\nbenchmark\n0\n' >"$WORK/root/settings/server.config"
     # Every client comes from 127.0.0.1: the per-address limits are off.
     printf 'max_peers_per_address = 0\nconnects_per_address_per_minute = 0\nrooms_per_address_per_minute = 0\naddress_budget_multiple = 0\n' >"$WORK/root/settings/limits.conf"
-    ${TARGET_CPU[@]+"${TARGET_CPU[@]}"} "$SERVER_BIN" --data-root "$WORK/root" --receive-latency </dev/null >/dev/null 2>&1 &
+    ${TARGET_CPU[@]+"${TARGET_CPU[@]}"} "$SERVER_BIN" --data-root "$WORK/root" --receive-latency --loop-slice "$SERVER_SLICE" </dev/null >/dev/null 2>&1 &
     TARGET_PID=$!
     for _ in $(seq 100); do
       TARGET_PORT=$(sed -n 's/.*Enet server created at [0-9]*:\([0-9]*\).*/\1/p' "$WORK/root/server.log" 2>/dev/null | head -1 || true)
       [ -n "$TARGET_PORT" ] && break; sleep 0.05
     done
   else
-    ${TARGET_CPU[@]+"${TARGET_CPU[@]}"} "$RELAY_BIN" --port 0 --receive-latency --idle-threads "$BARE_THREADS" </dev/null >"$WORK/relay.out" 2>&1 &
+    ${TARGET_CPU[@]+"${TARGET_CPU[@]}"} "$RELAY_BIN" --port 0 --receive-latency --idle-threads "$BARE_THREADS" --slice "$BARE_SLICE" </dev/null >"$WORK/relay.out" 2>&1 &
     TARGET_PID=$!
     for _ in $(seq 100); do
       TARGET_PORT=$(sed -n 's/^bare_relay: listening on port \([0-9]*\)$/\1/p' "$WORK/relay.out" 2>/dev/null || true)

@@ -270,6 +270,9 @@ int main(int argc, char** argv) {
     auto nextWatchdog = Steady::now();
     unsigned publishes = 0;
     Pacing pacing;
+    // The other threads are started: only the loop asks.
+    if (options.loopSliceMicros != 0 && !requestSchedulerSlice(std::max(options.loopSliceMicros, 100u)))
+        std::fprintf(stderr, "lockstep-server: the kernel refused --loop-slice\n");
     while (!quitRequested) {
         metrics().loopWakeups.fetch_add(1, std::memory_order_relaxed);
         const std::uint64_t turnStart = monotonicMicros();

@@ -62,6 +62,11 @@ int parseOptions(int argc, char** argv, Options& options) {
                    "With --agones, ping the sidecar's health check every SECONDS (default 2)")
         ->type_name("SECONDS")
         ->check(CLI::Range(1u, 3600u));
+    app.add_option("--loop-slice", options.loopSliceMicros,
+                   "Ask the kernel (Linux 6.12 and later) to treat the loop's runs as requests of MICROS each, so that "
+                   "on a busy core a datagram wakes it ahead of longer-running threads; 0 keeps the kernel's default")
+        ->type_name("MICROS")
+        ->check(CLI::Range(0u, 100000u));
     app.add_flag("--receive-latency", options.receiveLatency,
                  "For benchmarks: time every order from the kernel's receive of its datagram to the hand-over of "
                  "its relay to the socket, and log the percentiles at shutdown (costs a system call per datagram)");

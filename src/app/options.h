@@ -26,6 +26,8 @@ struct Options {
     std::uint32_t agonesHealthSeconds = 2;
     // --receive-latency, for benchmarks.
     bool receiveLatency = false;
+    // --loop-slice: microseconds; 0 leaves the kernel's default.
+    std::uint32_t loopSliceMicros = 0;
 };
 
 // Returns -1 to go on, or the exit status to end with at once (0 after

@@ -6,6 +6,7 @@
 #include <malloc.h>
 #include <string>
 #include <sys/resource.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 namespace {
@@ -73,4 +74,30 @@ void keepLargeBlocksInHeap() {
     // both, instead of the allocator's own guesses that move with the load.
     mallopt(M_MMAP_THRESHOLD, 32 * 1024 * 1024);
     mallopt(M_TRIM_THRESHOLD, 64 * 1024 * 1024);
+}
+
+namespace {
+// The kernel's struct sched_attr (its first version, 56 bytes), which the C
+// library does not declare.
+struct SchedAttr {
+    std::uint32_t size;
+    std::uint32_t policy;
+    std::uint64_t flags;
+    std::int32_t nice;
+    std::uint32_t priority;
+    std::uint64_t runtime;
+    std::uint64_t deadline;
+    std::uint64_t period;
+};
+constexpr std::uint32_t kSchedNormal = 0;
+}  // namespace
+
+bool requestSchedulerSlice(std::uint32_t micros) {
+    SchedAttr attr{};
+    if (syscall(SYS_sched_getattr, 0, &attr, sizeof attr, 0) != 0) return false;
+    if (attr.policy != kSchedNormal) return true;
+    attr.size = sizeof attr;
+    attr.flags = 0;
+    attr.runtime = static_cast<std::uint64_t>(micros) * 1000;
+    return syscall(SYS_sched_setattr, 0, &attr, 0) == 0;
 }
