@@ -9,6 +9,7 @@
 
 #include <array>
 #include <cstdint>
+#include <deque>
 #include <map>
 #include <memory>
 #include <set>
@@ -154,8 +155,10 @@ struct RoomRegistry {
     // Owned rooms, walked in ID order.
     std::map<std::uint32_t, std::unique_ptr<Room>> byId;
     std::uint32_t nextRoomId = 1;
-    // Every player's place; the peers are all the one host's.
-    std::vector<PlaceEntry> places;
+    // Every player's place; the peers are all the one host's. A deque, so
+    // that a place a handler holds stays where it is when a slot taken for
+    // another peer makes the index longer.
+    std::deque<PlaceEntry> places;
     std::size_t placedPeers = 0;
     // Where matches are recorded as they start; null: none are.
     Recordings* recordings = nullptr;
