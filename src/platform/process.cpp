@@ -77,7 +77,7 @@ void keepLargeBlocksInHeap() {
 }
 
 namespace {
-// The kernel's struct sched_attr (its first version, 56 bytes), which the C
+// The kernel's struct sched_attr (its first version, 48 bytes), which the C
 // library does not declare.
 struct SchedAttr {
     std::uint32_t size;
@@ -90,6 +90,7 @@ struct SchedAttr {
     std::uint64_t period;
 };
 constexpr std::uint32_t kSchedNormal = 0;
+constexpr std::uint64_t kSchedFlagResetOnFork = 0x01;
 }  // namespace
 
 bool requestSchedulerSlice(std::uint32_t micros) {
@@ -97,7 +98,9 @@ bool requestSchedulerSlice(std::uint32_t micros) {
     if (syscall(SYS_sched_getattr, 0, &attr, sizeof attr, 0) != 0) return false;
     if (attr.policy != kSchedNormal) return true;
     attr.size = sizeof attr;
-    attr.flags = 0;
+    // Of the flags, only reset-on-fork is the thread's own setting to keep;
+    // the others would ask for more than the slice.
+    attr.flags &= kSchedFlagResetOnFork;
     attr.runtime = static_cast<std::uint64_t>(micros) * 1000;
     return syscall(SYS_sched_setattr, 0, &attr, 0) == 0;
 }
