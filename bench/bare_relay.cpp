@@ -22,7 +22,6 @@
 // several threads costs anything apart from the server's own work. --slice
 // asks the kernel for requests of MICROS, as the server's --loop-slice does.
 
-#include <algorithm>
 #include <csignal>
 #include <future>
 #include <thread>
@@ -283,7 +282,7 @@ int main(int argc, char** argv) {
     const std::shared_future<void> forever = never.get_future().share();
     for (unsigned long i = 0; i < idleThreads; ++i) std::thread([forever] { forever.wait(); }).detach();
 
-    if (sliceMicros != 0 && !requestSchedulerSlice(static_cast<std::uint32_t>(std::max(sliceMicros, 100ul)))) {
+    if (sliceMicros != 0 && !requestSchedulerSlice(static_cast<std::uint32_t>(sliceMicros))) {
         std::fprintf(stderr, "bare_relay: the kernel refused --slice\n");
         return 1;
     }

@@ -271,7 +271,7 @@ int main(int argc, char** argv) {
     unsigned publishes = 0;
     Pacing pacing;
     // The other threads are started: only the loop asks.
-    if (options.loopSliceMicros != 0 && !requestSchedulerSlice(std::max(options.loopSliceMicros, 100u)))
+    if (options.loopSliceMicros != 0 && !requestSchedulerSlice(options.loopSliceMicros))
         std::fprintf(stderr, "lockstep-server: the kernel refused --loop-slice\n");
     while (!quitRequested) {
         metrics().loopWakeups.fetch_add(1, std::memory_order_relaxed);

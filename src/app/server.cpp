@@ -158,7 +158,6 @@ void stopServer(Server& server) {
     // Every queued write lands, and is logged, before the rooms and peers go.
     server.storage.stop();
     server.rooms.places.clear();
-    server.rooms.placedPeers = 0;
     for (std::vector<Room*>& slot : server.rooms.delayWheel) slot.clear();
     server.rooms.newlyRunning.clear();
     server.rooms.byId.clear();

@@ -52,15 +52,12 @@ void takeSlot(RoomRegistry& rooms, Room& room, std::uint32_t slot, ENetPeer* pee
     room.slots[slot].peer = peer;
     const std::size_t i = peer->incomingPeerID;
     if (i >= rooms.places.size()) rooms.places.resize(i + 1);
-    if (rooms.places[i].peer != peer) ++rooms.placedPeers;
     rooms.places[i] = PlaceEntry{peer, Place{&room, slot}};
 }
 
 void leaveSlot(RoomRegistry& rooms, Room& room, std::uint32_t slot) {
-    if (const ENetPeer* peer = room.slots[slot].peer; peer != nullptr && placeOf(rooms, peer) != nullptr) {
+    if (const ENetPeer* peer = room.slots[slot].peer; peer != nullptr && placeOf(rooms, peer) != nullptr)
         rooms.places[peer->incomingPeerID] = PlaceEntry{};
-        --rooms.placedPeers;
-    }
     room.slots[slot].peer = nullptr;
     rooms.mayHoldEmptyRoom = true;
 }

@@ -159,7 +159,6 @@ struct RoomRegistry {
     // that a place a handler holds stays where it is when a slot taken for
     // another peer makes the index longer.
     std::deque<PlaceEntry> places;
-    std::size_t placedPeers = 0;
     // Where matches are recorded as they start; null: none are.
     Recordings* recordings = nullptr;
     // Failed joins into a room with a password allowed per minute, per peer

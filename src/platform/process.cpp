@@ -1,5 +1,6 @@
 #include "platform/process.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <cstring>
 #include <dirent.h>
@@ -101,6 +102,6 @@ bool requestSchedulerSlice(std::uint32_t micros) {
     // Of the flags, only reset-on-fork is the thread's own setting to keep;
     // the others would ask for more than the slice.
     attr.flags &= kSchedFlagResetOnFork;
-    attr.runtime = static_cast<std::uint64_t>(micros) * 1000;
+    attr.runtime = static_cast<std::uint64_t>(std::max(micros, 100u)) * 1000;
     return syscall(SYS_sched_setattr, 0, &attr, 0) == 0;
 }

@@ -33,9 +33,10 @@ bool raiseOpenFileLimit();
 void keepLargeBlocksInHeap();
 
 // Asks the scheduler to treat the calling thread's runs as requests of about
-// `micros` each (Linux 6.12 and later; 100 to 100,000): a thread with shorter
-// requests than the others on its core is woken in front of them instead of
-// waiting for their slice to end, at the same share of the core. Does
-// nothing to a thread under another policy than the normal one (set by the
-// operator) and keeps its nice value. False when the kernel refused.
+// `micros` each (Linux 6.12 and later; below 100 is taken as 100): a thread
+// with shorter requests than the others on its core is woken in front of
+// them instead of waiting for their slice to end, at the same share of the
+// core. Does nothing to a thread under another policy than the normal one
+// (set by the operator) and keeps its nice value. False when the kernel
+// refused.
 bool requestSchedulerSlice(std::uint32_t micros);
