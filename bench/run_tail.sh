@@ -9,7 +9,7 @@
 #   bench/run_tail.sh [--build DIR] [--rooms 128] [--players 8] [--rate 20]
 #                     [--seconds 20] [--runs 3] [--pin] [--idle] [--out DIR]
 #                     [--bare-threads N] [--server-slice MICROS]
-#                     [--bare-slice MICROS]
+#                     [--bare-slice MICROS] [--candidate BUILD]
 #
 # --pin puts the server (or the bare relay) on core 0 and the load generator
 # on core 1 with taskset, the same way on both sides; without it neither is
@@ -27,11 +27,16 @@
 # --server-slice and --bare-slice ask the kernel for short requests on that
 # side's loop (the server's --loop-slice, the bare relay's --slice); 0, the
 # default, leaves the kernel's slice.
+#
+# --candidate BUILD adds a third side, "candidate": the server built in
+# BUILD, run in turn with the other two under the same minutes, so that a
+# change to the server is compared with the server before it and with the
+# bare relay in one batch.
 
 set -euo pipefail
 
 BUILD=build ROOMS=128 PLAYERS=8 RATE=20 SECONDS_PER_RUN=20 RUNS=3 PIN=0 IDLE=0 OUT="" BARE_THREADS=0
-SERVER_SLICE=0 BARE_SLICE=0
+SERVER_SLICE=0 BARE_SLICE=0 CANDIDATE=""
 LAG_MS=${LAG_MS:-1}
 while [ $# -gt 0 ]; do
   case "$1" in
@@ -47,6 +52,7 @@ while [ $# -gt 0 ]; do
     --bare-threads) BARE_THREADS=$2; shift 2 ;;
     --server-slice) SERVER_SLICE=$2; shift 2 ;;
     --bare-slice) BARE_SLICE=$2; shift 2 ;;
+    --candidate) CANDIDATE=$2; shift 2 ;;
     -h|--help) awk 'NR > 1 && /^#/ { sub(/^# ?/, ""); print; next } NR > 1 { exit }' "$0"; exit 0 ;;
     *) echo "run_tail.sh: unknown option $1" >&2; exit 2 ;;
   esac
@@ -55,6 +61,8 @@ done
 SERVER_BIN=$(realpath "$BUILD/lockstep-server")
 RELAY_BIN=$(realpath "$BUILD/bench/bare_relay")
 LOADBOT_BIN=$(realpath "$BUILD/loadbot")
+SIDES="server bare"
+if [ -n "$CANDIDATE" ]; then CANDIDATE_BIN=$(realpath "$CANDIDATE/lockstep-server"); SIDES="server candidate bare"; fi
 TARGET_CPU=() LOAD_CPU=()
 if [ "$PIN" = 1 ]; then TARGET_CPU=(taskset -c 0); LOAD_CPU=(taskset -c 1); fi
 
@@ -71,13 +79,15 @@ trap 'exit 130' INT TERM
 
 start_target() {
   TARGET_PORT=""
-  if [ "$1" = server ]; then
+  if [ "$1" != bare ]; then
+    local bin=$SERVER_BIN
+    [ "$1" = candidate ] && bin=$CANDIDATE_BIN
     rm -rf "$WORK/root"
     mkdir -p "$WORK/root/settings" "$WORK/root/server_data/update_data" "$WORK/root/server_data/announcements"
     printf '\nbenchmark\n0\n' >"$WORK/root/settings/server.config"
     # Every client comes from 127.0.0.1: the per-address limits are off.
     printf 'max_peers_per_address = 0\nconnects_per_address_per_minute = 0\nrooms_per_address_per_minute = 0\naddress_budget_multiple = 0\n' >"$WORK/root/settings/limits.conf"
-    ${TARGET_CPU[@]+"${TARGET_CPU[@]}"} "$SERVER_BIN" --data-root "$WORK/root" --receive-latency --loop-slice "$SERVER_SLICE" </dev/null >/dev/null 2>&1 &
+    ${TARGET_CPU[@]+"${TARGET_CPU[@]}"} "$bin" --data-root "$WORK/root" --receive-latency --loop-slice "$SERVER_SLICE" </dev/null >/dev/null 2>&1 &
     TARGET_PID=$!
     for _ in $(seq 100); do
       TARGET_PORT=$(sed -n 's/.*Enet server created at [0-9]*:\([0-9]*\).*/\1/p' "$WORK/root/server.log" 2>/dev/null | head -1 || true)
@@ -95,13 +105,14 @@ start_target() {
 }
 
 # Per thread of the side, since it started: voluntary context switches (its
-# wake-ups) and the time it spent ready to run but waiting for a core, the
+# wake-ups), involuntary ones (the times another task took its core while it
+# could run) and the time it spent ready to run but waiting for a core, the
 # main thread (the loop) first.
 threads_of() {
   local out="" tid d
   for d in /proc/"$TARGET_PID"/task/*; do
     tid=${d##*/}
-    out="$out $([ "$tid" = "$TARGET_PID" ] && echo loop || echo "t$tid"):$(awk '/^voluntary_ctxt/ { print $2 }' "$d/status")w/$(awk '{ printf "%.1f", $2 / 1e6 }' "$d/schedstat")ms"
+    out="$out $([ "$tid" = "$TARGET_PID" ] && echo loop || echo "t$tid"):$(awk '/^voluntary_ctxt/ { v = $2 } /^nonvoluntary_ctxt/ { n = $2 } END { print v "w/" n "p" }' "$d/status")/$(awk '{ printf "%.1f", $2 / 1e6 }' "$d/schedstat")ms"
   done
   echo "${out# }"
 }
@@ -113,7 +124,7 @@ stop_target() {
   kill -KILL "$TARGET_PID" 2>/dev/null || true
   wait "$TARGET_PID" 2>/dev/null || true
   TARGET_PID=""
-  if [ "$1" = server ]; then
+  if [ "$1" != bare ]; then
     for _ in $(seq 60); do grep -q "## Ending log" "$WORK/root/server.log" 2>/dev/null && break; sleep 0.05; done
     sed -n 's/^: Receive to send: //p' "$WORK/root/server.log"
     sed -n 's/^: Slow batch: /  slow batch: /p; s/^: Batches, /  batches, /p' "$WORK/root/server.log" >"$WORK/trace"
@@ -131,7 +142,7 @@ MODE=play; [ "$IDLE" = 1 ] && MODE=idle
 echo "Tail: ${ROOMS}x$PLAYERS at $RATE steps/s, $SECONDS_PER_RUN s a run, $RUNS runs a side, $([ "$PIN" = 1 ] && echo "target on core 0, load on core 1" || echo unpinned), $MODE" >&2
 echo "Machine: $(nproc) cores, $(sed -n 's/^model name[^:]*: //p' /proc/cpuinfo | head -1), kernel $(uname -r), load $(cut -d' ' -f1-3 /proc/loadavg)" >&2
 for run in $(seq "$RUNS"); do
-  for side in server bare; do
+  for side in $SIDES; do
     start_target "$side"
     extra=(); [ "$IDLE" = 1 ] && extra=(--idle)
     line=$(timeout --signal=INT --kill-after=10 $((SECONDS_PER_RUN + 90)) ${LOAD_CPU[@]+"${LOAD_CPU[@]}"} \
@@ -141,7 +152,7 @@ for run in $(seq "$RUNS"); do
     inside=$(stop_target "$side")
     { echo "run $run, $side:"; cat "$WORK/trace"; } >>"$OUT/traces.txt"
     echo "{\"run\":$run,\"side\":\"$side\",\"pinned\":$PIN,\"inside\":\"$inside\",\"threads\":\"$threads\",\"load\":$line}" >>"$OUT/tail.jsonl"
-    echo "  run $run, $side: threads (wake-ups/ready-but-waiting) $threads" >&2
+    echo "  run $run, $side: threads (wake-ups/preemptions/ready-but-waiting) $threads" >&2
     echo "$run $side $line" >>"$OUT/.lines"
     echo "$run|$side|$inside" >>"$OUT/.inside"
   done
@@ -163,7 +174,7 @@ echo
 median() { sort -g | awk '{ v[NR] = $1 } END { if (NR == 0) print "n/a"; else if (NR % 2) print v[(NR + 1) / 2]; else printf "%g\n", (v[NR / 2] + v[NR / 2 + 1]) / 2 }'; }
 echo "| medians of kept runs | runs | CPU % | relay p50 ms | p99 | p99.9 | inside p50 us | p99 | p99.9 |"
 echo "|---|---|---|---|---|---|---|---|---|"
-for side in server bare; do
+for side in $SIDES; do
   rows=$(awk -v s="$side" '$1 == s && $2 == "yes"' "$OUT/.kept")
   n=$(grep -c . <<<"$rows" || true)
   cols=""
