@@ -62,6 +62,8 @@ std::string brokenInvariant(const Server& s) {
         if (scheduled[room.get()] != 1) return "room " + std::to_string(id) + " is not in the delay schedule once";
     }
     if (scheduled.size() != running) return "the delay schedule holds a room that is gone or not running";
+    for (const Room* room : s.rooms.passesDue)
+        if (scheduled.count(room) == 0) return "a delay pass is due for a room that is gone or not running";
     std::size_t streams = 0;
     for (const auto& [peer, watcher] : s.rooms.watchers) {
         if (placed.count(peer) != 0) return "a spectator holds a slot";

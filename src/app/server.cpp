@@ -160,6 +160,7 @@ void stopServer(Server& server) {
     server.rooms.places.clear();
     for (std::vector<Room*>& slot : server.rooms.delayWheel) slot.clear();
     server.rooms.newlyRunning.clear();
+    server.rooms.passesDue.clear();
     server.rooms.byId.clear();
     for (ENetPeer* peer : server.peers) {
         delete recordOf(peer);

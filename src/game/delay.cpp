@@ -61,6 +61,8 @@ std::uint32_t peerRoundTripTime(const ENetPeer* peer) { return peer->roundTripTi
 
 bool orderDelayPasses(const Match& match) { return match.delayTicks >= kDelayTicksPerPass; }
 
+bool orderDelayDecidesNext(const Match& match) { return match.delayCooldown == 0; }
+
 void adaptOrderDelay(Match& match, const Audience& audience, std::uint32_t ticks) {
     match.delayTicks += ticks - 1;
     if (orderDelayPasses(match)) pass(match, audience);

@@ -191,6 +191,11 @@ struct RoomRegistry {
     std::array<std::vector<Room*>, kDelayTicksPerPass> delayWheel;
     std::uint64_t delayTurns = 0;
     std::vector<Room*> newlyRunning;
+    // The passes of the slots reached so far that are still to be made, in
+    // the wheel's order: a room work that falls on many decisions at once
+    // makes those of at most kDelayNoticesPerTurn notices, and the loop's
+    // next turns make the rest.
+    std::deque<Room*> passesDue;
 };
 
 // The room and slot of a player's connection, or nullptr.

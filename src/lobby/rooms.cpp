@@ -145,6 +145,7 @@ void forgetOrderDelay(RoomRegistry& rooms, const Room& room) {
     if (!room.running) return;
     std::erase(rooms.newlyRunning, &room);
     for (std::vector<Room*>& slot : rooms.delayWheel) std::erase(slot, &room);
+    std::erase(rooms.passesDue, &room);
 }
 }  // namespace
 

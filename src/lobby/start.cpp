@@ -2,6 +2,7 @@
 // the random tags and start locations, the slot compaction and the switch to
 // the running match.
 
+#include <algorithm>
 #include <memory>
 
 #include "lobby/lobby.h"
@@ -205,12 +206,32 @@ void assignTagsAndLocations(Room& room) {
 
 void tickOrderDelays(RoomRegistry& rooms) {
     std::vector<Room*>& due = rooms.delayWheel[rooms.delayTurns++ % kDelayTicksPerPass];
-    for (Room* room : due) adaptOrderDelay(room->match, audienceOf(*room), kDelayTicksPerPass);
+    rooms.passesDue.insert(rooms.passesDue.end(), due.begin(), due.end());
+    // A first tick never passes, so it tells nobody and waits for nothing.
     for (Room* room : rooms.newlyRunning) {
         adaptOrderDelay(room->match, Audience{});
         due.push_back(room);
     }
     rooms.newlyRunning.clear();
+    makeDuePasses(rooms);
+}
+
+void makeDuePasses(RoomRegistry& rooms) {
+    std::size_t notices = 0;
+    while (!rooms.passesDue.empty()) {
+        Room* room = rooms.passesDue.front();
+        const Audience audience = audienceOf(*room);
+        if (orderDelayDecidesNext(room->match)) {
+            const auto told = static_cast<std::size_t>(
+                std::count_if(audience.players.begin(), audience.players.end(), [](ENetPeer* p) { return p != nullptr; }));
+            // The first decision of a turn is always made, so the passes
+            // keep moving whatever the bound.
+            if (notices != 0 && notices + told > kDelayNoticesPerTurn) return;
+            notices += told;
+        }
+        rooms.passesDue.pop_front();
+        adaptOrderDelay(room->match, audience, kDelayTicksPerPass);
+    }
 }
 
 bool startPending(const Room& room) { return (room.startRequested && !room.started) || (room.started && !room.running); }

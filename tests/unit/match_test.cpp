@@ -191,6 +191,68 @@ TEST(Match, DelayDecisionsHoldsAndLagReports) {
               (std::vector<std::string>{error("|||| Unknown ingame message 6. Nothing to do with it")}));
 }
 
+TEST(Match, MatchesThatDecideTogetherTellAtMostSixtyFourPlayersATurn) {
+    constexpr std::size_t kRooms = 9;
+    Harness h(8 * kRooms);
+    std::vector<Room*> rooms;
+    for (std::size_t r = 0; r < kRooms; ++r) {
+        const std::size_t first = 8 * r;
+        for (std::size_t i = first; i < first + 8; ++i) h.connect(i);
+        h.lobby(first, CreateRoom{1, "", "data", 77});
+        const std::uint32_t id = h.server.rooms.nextRoomId - 1;
+        for (std::size_t i = first + 1; i < first + 8; ++i) h.lobby(i, JoinRoom{1, id});
+        for (std::size_t i = first; i < first + 8; ++i)
+            h.lobby(i, setupOf(static_cast<std::uint32_t>(i - first), 1, "P" + std::to_string(i)));
+        Room& room = h.room(id);
+        room.open = false;
+        room.started = room.running = true;
+        h.server.rooms.newlyRunning.push_back(&room);
+        rooms.push_back(&room);
+    }
+    h.takeSent();
+    h.takeLogs();
+    auto told = [](std::size_t firstRoom, std::size_t count, const Bytes& notice) {
+        std::vector<Sent> out;
+        for (std::size_t peer = 8 * firstRoom; peer < 8 * (firstRoom + count); ++peer)
+            out.push_back({peer, kMatchControlChannel, notice});
+        return out;
+    };
+    const Bytes decrease = encode(DelayDecrease{});
+
+    for (int call = 0; call < 15 + 15 * 40; ++call) h.step();
+    EXPECT_TRUE(h.takeSent().empty());
+    // The room work that falls on all nine decisions makes eight of them;
+    // the ninth waits for the loop's next turn, and is decided there.
+    rooms[8]->match.lagReports = 1;
+    h.step();
+    EXPECT_EQ(h.takeSent(), told(0, 8, decrease));
+    EXPECT_EQ(h.server.rooms.passesDue, std::deque<Room*>{rooms[8]});
+    rooms[8]->match.lagReports = 0;
+    makeDuePasses(h.server.rooms);
+    EXPECT_EQ(h.takeSent(), told(8, 1, decrease));
+    EXPECT_TRUE(h.server.rooms.passesDue.empty());
+    makeDuePasses(h.server.rooms);
+    EXPECT_TRUE(h.takeSent().empty());
+
+    // The late pass kept the match's pace: its next pass comes 15 room
+    // works after the one it was due on, alone and so at once.
+    rooms[8]->match.delayCooldown = 0;
+    for (int call = 0; call < 14; ++call) h.step();
+    EXPECT_TRUE(h.takeSent().empty());
+    h.step();
+    EXPECT_EQ(h.takeSent(), told(8, 1, decrease));
+
+    // A room deleted while its pass waits is no longer due.
+    for (Room* room : rooms) room->match.delayCooldown = 0;
+    for (int call = 0; call < 15; ++call) h.step();
+    EXPECT_EQ(h.takeSent(), told(0, 8, decrease));
+    for (std::size_t i = 64; i < 72; ++i) h.disconnect(i);
+    h.takeSent();
+    h.step();
+    EXPECT_TRUE(h.server.rooms.passesDue.empty());
+    EXPECT_EQ(h.server.rooms.byId.size(), kRooms - 1);
+}
+
 TEST(Match, LeavingCompletesTheLeaversStepsThenTellsTheOthers) {
     Harness h;
     running(h, 3);
