@@ -323,9 +323,7 @@ int main(int argc, char** argv) {
             metrics().loopTurn.observe(static_cast<double>(monotonicMicros() - turnStart) / 1e6);
             metrics().loopTurnCpu.observe(static_cast<double>(threadCpuMicros() - turnCpuStart) / 1e6);
         }
-        // Events or delay passes left over are this turn's work cut short,
-        // not a reason to wait.
-        if (server->eventsLeft || !server->rooms.passesDue.empty()) continue;
+        if (server->eventsLeft) continue;
         if (!active && quiet(*server)) {
             // The next turn that has anything to do: the status and health
             // publication (which keeps /healthz fresh), the watchdog, the

@@ -128,8 +128,6 @@ bool serviceStep(Server& server) {
         if (server.receiveStamps) server.receiveStamps->mark(TurnMark::roomWorkBegin);
         runRoomWork(server, now);
         if (server.receiveStamps) server.receiveStamps->mark(TurnMark::roomWorkEnd);
-    } else if (!server.rooms.passesDue.empty()) {
-        makeDuePasses(server.rooms);
     }
     // Recorded matches hand their records to the worker in batches, about
     // ten a second: a write per order would cost the worker, and a batch a

@@ -107,11 +107,13 @@ bool orderDelayPasses(const Match& match);
 // The match's next pass makes a decision, which may tell every player.
 bool orderDelayDecidesNext(const Match& match);
 // A decision tells each player in a datagram of its own, acknowledged by
-// another: 64 of them cost the loop about half a millisecond, where the
-// 1,024 of 128 matches that started together (and so decide together) held
-// every relay behind them for several. A turn makes the passes of at most
-// this many notices and leaves the rest to the turns after it.
-inline constexpr std::size_t kDelayNoticesPerTurn = 64;
+// another: 64 of them cost the loop (and the clients' machines) about half a
+// millisecond, where the 1,024 of 128 matches that started together, and so
+// decide together, held every relay behind them for several. A room work
+// makes the passes of at most this many notices and leaves the rest to the
+// room works after it, 2 ms apart: at 1,024 players the last notice is
+// about 30 ms late, less than a step.
+inline constexpr std::size_t kDelayNoticesPerRoomWork = 64;
 // The controller's view of a peer's round-trip time in milliseconds.
 std::uint32_t peerRoundTripTime(const ENetPeer* peer);
 

@@ -133,8 +133,6 @@ void checkRoomStarts(RoomRegistry& rooms);
 // Once per room work, after the start checks: the order-delay controller of
 // every running match.
 void tickOrderDelays(RoomRegistry& rooms);
-// The passes still due, as many as one turn makes (kDelayNoticesPerTurn).
-void makeDuePasses(RoomRegistry& rooms);
 // Asked to start and not yet started, or started and not yet running.
 bool startPending(const Room& room);
 // The process-wide generator, seeded with 0 so that every run draws the same

@@ -193,8 +193,8 @@ struct RoomRegistry {
     std::vector<Room*> newlyRunning;
     // The passes of the slots reached so far that are still to be made, in
     // the wheel's order: a room work that falls on many decisions at once
-    // makes those of at most kDelayNoticesPerTurn notices, and the loop's
-    // next turns make the rest.
+    // makes those of at most kDelayNoticesPerRoomWork notices, and the next
+    // room works make the rest.
     std::deque<Room*> passesDue;
 };
 

@@ -204,6 +204,27 @@ void assignTagsAndLocations(Room& room) {
         if (changed[i]) rebuildPlayerSetup(*room.slots[i].info);
 }
 
+namespace {
+void makeDuePasses(RoomRegistry& rooms) {
+    std::size_t notices = 0;
+    while (!rooms.passesDue.empty()) {
+        Room* room = rooms.passesDue.front();
+        const Audience audience = audienceOf(*room);
+        if (orderDelayDecidesNext(room->match)) {
+            const auto told = static_cast<std::size_t>(
+                std::count_if(audience.players.begin(), audience.players.end(), [](ENetPeer* p) { return p != nullptr; }));
+            // The first decision of a room work is always made, so the
+            // passes keep moving whatever the bound.
+            if (notices != 0 && notices + told > kDelayNoticesPerRoomWork) return;
+            notices += told;
+        }
+        rooms.passesDue.pop_front();
+        adaptOrderDelay(room->match, audience, kDelayTicksPerPass);
+    }
+}
+
+}  // namespace
+
 void tickOrderDelays(RoomRegistry& rooms) {
     std::vector<Room*>& due = rooms.delayWheel[rooms.delayTurns++ % kDelayTicksPerPass];
     rooms.passesDue.insert(rooms.passesDue.end(), due.begin(), due.end());
@@ -214,24 +235,6 @@ void tickOrderDelays(RoomRegistry& rooms) {
     }
     rooms.newlyRunning.clear();
     makeDuePasses(rooms);
-}
-
-void makeDuePasses(RoomRegistry& rooms) {
-    std::size_t notices = 0;
-    while (!rooms.passesDue.empty()) {
-        Room* room = rooms.passesDue.front();
-        const Audience audience = audienceOf(*room);
-        if (orderDelayDecidesNext(room->match)) {
-            const auto told = static_cast<std::size_t>(
-                std::count_if(audience.players.begin(), audience.players.end(), [](ENetPeer* p) { return p != nullptr; }));
-            // The first decision of a turn is always made, so the passes
-            // keep moving whatever the bound.
-            if (notices != 0 && notices + told > kDelayNoticesPerTurn) return;
-            notices += told;
-        }
-        rooms.passesDue.pop_front();
-        adaptOrderDelay(room->match, audience, kDelayTicksPerPass);
-    }
 }
 
 bool startPending(const Room& room) { return (room.startRequested && !room.started) || (room.started && !room.running); }
