@@ -191,7 +191,7 @@ TEST(Match, DelayDecisionsHoldsAndLagReports) {
               (std::vector<std::string>{error("|||| Unknown ingame message 6. Nothing to do with it")}));
 }
 
-TEST(Match, MatchesThatDecideTogetherTellAtMostSixtyFourPlayersATurn) {
+TEST(Match, MatchesThatDecideTogetherTellAtMostSixtyFourPlayersARoomWork) {
     constexpr std::size_t kRooms = 9;
     Harness h(8 * kRooms);
     std::vector<Room*> rooms;
