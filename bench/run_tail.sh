@@ -10,6 +10,7 @@
 #                     [--seconds 20] [--runs 3] [--pin] [--idle] [--out DIR]
 #                     [--bare-threads N] [--server-slice MICROS]
 #                     [--bare-slice MICROS] [--candidate BUILD]
+#                     [--warmup SECONDS]
 #
 # --pin puts the server (or the bare relay) on core 0 and the load generator
 # on core 1 with taskset, the same way on both sides; without it neither is
@@ -32,11 +33,18 @@
 # BUILD, run in turn with the other two under the same minutes, so that a
 # change to the server is compared with the server before it and with the
 # bare relay in one batch.
+#
+# --warmup SECONDS (5 by default, 0 for none) runs each side once for that
+# long before the kept runs. The first run of a batch at 128x8x20 often met
+# a stall that later runs did not (the generator's send lag p99 of 4 to 51
+# ms), whichever side it was; the warm-up takes it. Its lines are in the
+# table as run "w", marked "no: warm-up", and never in the medians (in
+# tail.jsonl, run 0 with "warmup":true).
 
 set -euo pipefail
 
 BUILD=build ROOMS=128 PLAYERS=8 RATE=20 SECONDS_PER_RUN=20 RUNS=3 PIN=0 IDLE=0 OUT="" BARE_THREADS=0
-SERVER_SLICE=0 BARE_SLICE=0 CANDIDATE=""
+SERVER_SLICE=0 BARE_SLICE=0 CANDIDATE="" WARMUP=5
 LAG_MS=${LAG_MS:-1}
 while [ $# -gt 0 ]; do
   case "$1" in
@@ -53,6 +61,7 @@ while [ $# -gt 0 ]; do
     --server-slice) SERVER_SLICE=$2; shift 2 ;;
     --bare-slice) BARE_SLICE=$2; shift 2 ;;
     --candidate) CANDIDATE=$2; shift 2 ;;
+    --warmup) WARMUP=$2; shift 2 ;;
     -h|--help) awk 'NR > 1 && /^#/ { sub(/^# ?/, ""); print; next } NR > 1 { exit }' "$0"; exit 0 ;;
     *) echo "run_tail.sh: unknown option $1" >&2; exit 2 ;;
   esac
@@ -141,17 +150,19 @@ iget() { sed -n "s/.* $1 \([0-9.]*\) us.*/\1/p" <<<"$2"; }
 MODE=play; [ "$IDLE" = 1 ] && MODE=idle
 echo "Tail: ${ROOMS}x$PLAYERS at $RATE steps/s, $SECONDS_PER_RUN s a run, $RUNS runs a side, $([ "$PIN" = 1 ] && echo "target on core 0, load on core 1" || echo unpinned), $MODE" >&2
 echo "Machine: $(nproc) cores, $(sed -n 's/^model name[^:]*: //p' /proc/cpuinfo | head -1), kernel $(uname -r), load $(cut -d' ' -f1-3 /proc/loadavg)" >&2
-for run in $(seq "$RUNS"); do
+RUN_LIST=$(seq "$RUNS"); [ "$WARMUP" != 0 ] && RUN_LIST="w $RUN_LIST"
+for run in $RUN_LIST; do
+  seconds=$SECONDS_PER_RUN; [ "$run" = w ] && seconds=$WARMUP
   for side in $SIDES; do
     start_target "$side"
     extra=(); [ "$IDLE" = 1 ] && extra=(--idle)
-    line=$(timeout --signal=INT --kill-after=10 $((SECONDS_PER_RUN + 90)) ${LOAD_CPU[@]+"${LOAD_CPU[@]}"} \
-      "$LOADBOT_BIN" --rooms "$ROOMS" --players "$PLAYERS" --rate "$RATE" --seconds "$SECONDS_PER_RUN" \
+    line=$(timeout --signal=INT --kill-after=10 $((seconds + 90)) ${LOAD_CPU[@]+"${LOAD_CPU[@]}"} \
+      "$LOADBOT_BIN" --rooms "$ROOMS" --players "$PLAYERS" --rate "$RATE" --seconds "$seconds" \
       --port "$TARGET_PORT" --server-pid "$TARGET_PID" --label "$side" --quiet ${extra[@]+"${extra[@]}"} || true)
     threads=$(threads_of)
     inside=$(stop_target "$side")
     { echo "run $run, $side:"; cat "$WORK/trace"; } >>"$OUT/traces.txt"
-    echo "{\"run\":$run,\"side\":\"$side\",\"pinned\":$PIN,\"inside\":\"$inside\",\"threads\":\"$threads\",\"load\":$line}" >>"$OUT/tail.jsonl"
+    echo "{\"run\":${run/w/0},\"warmup\":$([ "$run" = w ] && echo true || echo false),\"side\":\"$side\",\"pinned\":$PIN,\"inside\":\"$inside\",\"threads\":\"$threads\",\"load\":$line}" >>"$OUT/tail.jsonl"
     echo "  run $run, $side: threads (wake-ups/preemptions/ready-but-waiting) $threads" >&2
     echo "$run $side $line" >>"$OUT/.lines"
     echo "$run|$side|$inside" >>"$OUT/.inside"
@@ -165,7 +176,8 @@ paste -d'|' "$OUT/.lines" "$OUT/.inside" | while IFS='|' read -r first run2 side
   run=${first%% *}; rest=${first#* }; side=${rest%% *}; line=${rest#* }
   lag=$(jget send_lag_p99_ms "$line")
   kept=yes
-  if [ "$(jget setup_ok "$line")" != true ]; then kept="no: set-up failed"
+  if [ "$run" = w ]; then kept="no: warm-up"
+  elif [ "$(jget setup_ok "$line")" != true ]; then kept="no: set-up failed"
   elif [ "$IDLE" = 0 ] && awk -v l="$lag" -v m="$LAG_MS" 'BEGIN { exit !(l + 0 > m + 0) }'; then kept="no: generator behind"; fi
   echo "| $run | $side | $(jget server_cpu_pct "$line") | $(jget relay_p50_ms "$line") | $(jget relay_p99_ms "$line") | $(jget relay_p999_ms "$line") | $(iget p50 "$inside") | $(iget p99 "$inside") | $(iget p99.9 "$inside") | $lag / $(jget send_lag_max_ms "$line") | $(jget steal_pct "$line") | $(jget errors "$line") | $kept |"
   echo "$side $kept $(jget server_cpu_pct "$line") $(jget relay_p50_ms "$line") $(jget relay_p99_ms "$line") $(jget relay_p999_ms "$line") $(iget p50 "$inside") $(iget p99 "$inside") $(iget p99.9 "$inside")" >>"$OUT/.kept"
