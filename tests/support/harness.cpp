@@ -93,6 +93,18 @@ Room& Harness::roomOfReady(std::size_t n) {
     return room(id);
 }
 
+void Harness::markRunning(Room& room) {
+    room.open = false;
+    room.started = room.running = true;
+    server.rooms.newlyRunning.push_back(&room);
+}
+
+Room& Harness::runningRoom(std::size_t n) {
+    Room& room = roomOfReady(n);
+    markRunning(room);
+    return room;
+}
+
 PlayerSetup setupOf(std::uint32_t slot, std::uint32_t ready, const std::string& name, std::uint32_t tag,
                     std::uint32_t location) {
     PlayerSetup s;

@@ -58,6 +58,11 @@ public:
     // Peers 0..n-1 connected, a room created by peer 0 and joined by the
     // others, everyone named P<i> and ready; the traffic and logs taken.
     Room& roomOfReady(std::size_t n);
+    // The room as its match runs, without the start's traffic: closed,
+    // started and running, and due its first tick of the delay controller.
+    void markRunning(Room& room);
+    // roomOfReady(n), running.
+    Room& runningRoom(std::size_t n);
     Room& room(std::uint32_t id) { return *server.rooms.byId.at(id); }
 
 private:

@@ -15,14 +15,6 @@
 
 namespace {
 
-Room& running(Harness& h, std::size_t n) {
-    Room& room = h.roomOfReady(n);
-    room.open = false;
-    room.started = room.running = true;
-    h.server.rooms.newlyRunning.push_back(&room);
-    return room;
-}
-
 // What brokenInvariant says while field holds value; the field is put back after.
 template <typename T>
 std::string whileSet(Harness& h, T& field, T value) {
@@ -37,14 +29,14 @@ std::string whileSet(Harness& h, T& field, T value) {
 
 TEST(Invariants, ASoundServerBreaksNone) {
     Harness h;
-    running(h, 3);
+    h.runningRoom(3);
     h.step();
     EXPECT_EQ(brokenInvariant(h.server), "");
 }
 
 TEST(Invariants, TheMatchsCountersMustStayInTheirRanges) {
     Harness h;
-    Room& room = running(h, 2);
+    Room& room = h.runningRoom(2);
     Match& m = room.match;
     EXPECT_EQ(whileSet(h, m.orderDelay, 1u), "order delay out of range");
     EXPECT_EQ(whileSet(h, m.orderDelay, 2u), "");
@@ -62,7 +54,7 @@ TEST(Invariants, TheMatchsCountersMustStayInTheirRanges) {
 
 TEST(Invariants, ARoomsPhasesComeInOrder) {
     Harness h;
-    Room& room = running(h, 2);
+    Room& room = h.runningRoom(2);
     EXPECT_EQ(whileSet(h, room.started, false), "running before started");
     EXPECT_EQ(whileSet(h, room.open, true), "started but open");
     EXPECT_EQ(whileSet(h, room.id, room.id + 1), "room " + std::to_string(room.id) + " filed under another ID");
@@ -84,9 +76,7 @@ TEST(Invariants, OnlyARunningMatchWhereDropsKeepSeatsHasPlayersAway) {
     Room& room = h.roomOfReady(2);
     const std::string outside = "a player away or back outside a running room where drops keep seats";
     EXPECT_EQ(whileSet(h, room.slots[1].state, PlayerState::away), outside);
-    room.open = false;
-    room.started = room.running = true;
-    h.server.rooms.newlyRunning.push_back(&room);
+    h.markRunning(room);
     EXPECT_EQ(whileSet(h, room.slots[1].state, PlayerState::away), outside);
     room.rejoinable = true;
     // Inside such a match an away player has no connection.
@@ -96,7 +86,7 @@ TEST(Invariants, OnlyARunningMatchWhereDropsKeepSeatsHasPlayersAway) {
 
 TEST(Invariants, EveryRunningMatchIsOnTheDelayScheduleOnceAndNoOtherRoomIs) {
     Harness h;
-    Room& room = running(h, 2);
+    Room& room = h.runningRoom(2);
     h.step();  // the match leaves the newcomers for its slot on the wheel
     RoomRegistry& rooms = h.server.rooms;
     const std::string once = "room " + std::to_string(room.id) + " is not in the delay schedule once";

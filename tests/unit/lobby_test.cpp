@@ -142,10 +142,8 @@ TEST(Lobby, RoomListStatusEntriesThenDetails) {
                                                {2, 0, room.settings.bytes},
                                                {2, 0, encode(RoomPlayerNames{1, {"P0", "P1"}})}}));
     // Entries and settings are kept encoded; every change shows in the next list.
-    room.open = false;
     room.closed[6] = true;
-    room.started = room.running = true;
-    h.server.rooms.newlyRunning.push_back(&room);
+    h.markRunning(room);
     h.lobby(2, RoomListRequest{1, 9});
     std::vector<Sent> sent = h.takeSent();
     ASSERT_EQ(sent.size(), 2u);

@@ -9,14 +9,6 @@
 
 namespace {
 
-Room& running(Harness& h, std::size_t n) {
-    Room& room = h.roomOfReady(n);
-    room.open = false;
-    room.started = room.running = true;
-    h.server.rooms.newlyRunning.push_back(&room);
-    return room;
-}
-
 Bytes stepDone(std::uint32_t step, std::uint32_t slot) { return words({1, step, slot}); }
 
 std::string error(const std::string& text) { return "#### ERROR \n" + text + "\n####"; }
@@ -25,7 +17,7 @@ std::string error(const std::string& text) { return "#### ERROR \n" + text + "\n
 
 TEST(Match, OrdersGoByteForByteToTheOthersAndStepsCompleteWhenEverySeatReported) {
     Harness h;
-    Room& room = running(h, 3);
+    Room& room = h.runningRoom(3);
     // The type word is not examined; a byte after the text rides along.
     Bytes ordinary = Writer().u32(9).u32(3).u32(4).u32(1).u32(7).u32(5).u32(0).u32(1).u32(2).u32(3).u32(4).u32(0)
                          .u8(1).str("t").u8(0xEE).take();
@@ -54,7 +46,7 @@ TEST(Match, OrdersGoByteForByteToTheOthersAndStepsCompleteWhenEverySeatReported)
 
 TEST(Match, ResyncStepMalformedOrdersAndStrangers) {
     Harness h;
-    Room& room = running(h, 1);
+    Room& room = h.runningRoom(1);
     h.connect(1);
     room.match.resyncStep = 10;
     h.receive(0, kOrderChannel, stepDone(11, 0));
@@ -73,7 +65,7 @@ TEST(Match, ResyncStepMalformedOrdersAndStrangers) {
 
 TEST(Match, ChecksumsCompareOncePerStepAndAMismatchStartsTheResync) {
     Harness h;
-    Room& room = running(h, 3);
+    Room& room = h.runningRoom(3);
     room.match.lastCompletedStep = 20;
     // Checksums from one player for ever new steps: at most a window's worth
     // of records, and none for steps far ahead.
@@ -118,7 +110,7 @@ TEST(Match, ChecksumsCompareOncePerStepAndAMismatchStartsTheResync) {
 TEST(Match, ResyncReportsFileTheEvidenceAndEndTheResync) {
     TempDataRoot root;
     Harness h;
-    Room& room = running(h, 2);
+    Room& room = h.runningRoom(2);
     h.connect(2);
     room.match.desyncCount = 2;
     room.match.resyncStep = 9;
@@ -149,7 +141,7 @@ TEST(Match, ResyncReportsFileTheEvidenceAndEndTheResync) {
 
 TEST(Match, DelayDecisionsHoldsAndLagReports) {
     Harness h;
-    Room& room = running(h, 2);
+    Room& room = h.runningRoom(2);
     Match& m = room.match;
     h.peer(0)->roundTripTime = 40;
     h.peer(1)->roundTripTime = 49;
@@ -204,9 +196,7 @@ TEST(Match, MatchesThatDecideTogetherTellAtMostSixtyFourPlayersARoomWork) {
         for (std::size_t i = first; i < first + 8; ++i)
             h.lobby(i, setupOf(static_cast<std::uint32_t>(i - first), 1, "P" + std::to_string(i)));
         Room& room = h.room(id);
-        room.open = false;
-        room.started = room.running = true;
-        h.server.rooms.newlyRunning.push_back(&room);
+        h.markRunning(room);
         rooms.push_back(&room);
     }
     h.takeSent();
@@ -253,7 +243,7 @@ TEST(Match, MatchesThatDecideTogetherTellAtMostSixtyFourPlayersARoomWork) {
 
 TEST(Match, LeavingCompletesTheLeaversStepsThenTellsTheOthers) {
     Harness h;
-    running(h, 3);
+    h.runningRoom(3);
     h.receive(0, kOrderChannel, stepDone(5, 0));
     h.receive(2, kOrderChannel, stepDone(5, 2));
     h.receive(2, kOrderChannel, stepDone(6, 2));
